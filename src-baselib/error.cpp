@@ -1,0 +1,120 @@
+#include "src-baselib/error.h"
+
+#include <string_view>
+
+CError::CError(const char* jobName, const char* buildText, const char* variable, std::uint32_t threadId)
+    : CTraceFile(jobName, buildText, variable, threadId)
+{
+}
+
+void CError::Raise(int code, const char* text, const std::source_location& where)
+{
+    std::string_view file = where.file_name();
+    file = file.substr(0, file.rfind('.')); // sources are named without their extension
+    const CEString source(file);
+    const int line = static_cast<int>(where.line());
+    const int before = m_pending;
+    ++m_pendingCount;
+    if (before == 0) {
+        m_pending = code;
+    }
+    if (before == 0 && text == nullptr) {
+        Error("Error: Setting error %d in %s(%d)", code, source.CStr(), line);
+    } else if (before == 0) {
+        Error("Error: Setting error %d (%s) in %s(%d)", code, text, source.CStr(), line);
+    } else if (text == nullptr) {
+        Error("Error: Current error: %d. Additional error  %d in %s(%d)", before, code, source.CStr(), line);
+    } else {
+        Error("Error: Current error: %d. Additional error %d (%s) in %s(%d)", before, code, text,
+              source.CStr(), line);
+    }
+}
+
+void CError::ClearPending()
+{
+    m_pending = 0;
+    m_pendingCount = 0;
+    m_pendingText.Clear();
+}
+
+void CError::BeginCall()
+{
+    m_last = 0;
+    ClearPending();
+}
+
+void CError::EndFailedCall()
+{
+    m_last = m_pending;
+    m_pending = 0;
+    m_pendingCount = 0;
+}
+
+CThreadVar<CError>& ThreadErrorVar()
+{
+    static CThreadVar<CError> variable;
+    return variable;
+}
+
+void SetPendingError(int code)
+{
+    if (CError* const error = ThreadErrorVar().Get()) {
+        error->SetPending(code);
+    }
+}
+
+void ClearPendingError()
+{
+    if (CError* const error = ThreadErrorVar().Get()) {
+        error->ClearPending();
+    }
+}
+
+void RaiseError(int code, const char* text, const std::source_location& where)
+{
+    if (CError* const error = ThreadErrorVar().Get()) {
+        error->Raise(code, text, where);
+    }
+}
+
+void Trace(TraceLevel level, const char* format, ...)
+{
+    if (CError* const error = ThreadErrorVar().Get()) {
+        std::va_list arguments;
+        va_start(arguments, format);
+        error->Line(level, format, arguments);
+        va_end(arguments);
+    }
+}
+
+void TraceText(const char* text)
+{
+    if (CError* const error = ThreadErrorVar().Get()) {
+        error->WriteText(text);
+    }
+}
+
+bool IsTraceActive()
+{
+    const CError* const error = ThreadErrorVar().Get();
+    return error != nullptr && error->IsActive();
+}
+
+int PendingError()
+{
+    const CError* const error = ThreadErrorVar().Get();
+    return error == nullptr ? 0 : error->GetPending();
+}
+
+void SetPendingErrorText(const char* text)
+{
+    if (CError* const error = ThreadErrorVar().Get()) {
+        error->SetPendingText(text);
+    }
+}
+
+const char* CurrentTraceFile()
+{
+    const CError* const error = ThreadErrorVar().Get();
+    return error == nullptr ? "" : error->GetFileName().CStr();
+}

@@ -1,0 +1,323 @@
+#include "src-baselib/tracefile.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <mutex>
+
+#include "src-baselib/error.h"
+
+namespace {
+constexpr std::uint32_t kVersion = 0x01030002;
+constexpr std::size_t kMessageSize = 2048;
+constexpr std::size_t kLineSize = 2084;      // line number, time and message
+constexpr std::int32_t kMostProblems = 1000; // a host that runs for years must not grow by its warnings
+constexpr int kNoTraceFile = 17;
+
+constexpr const char* kLevelNames[] = {"ERROR", "WARNING", "INFO", "NORMAL", "DEBUG"};
+
+// What the writers of all threads share: who was first, and whether there has been another.
+std::uint32_t g_firstThread = 0; // under the mutex
+std::atomic<bool> g_multiThreaded = false;
+
+platform::CPlatformMutex& TraceMutex()
+{
+    static platform::CPlatformMutex mutex;
+    return mutex;
+}
+
+std::size_t LastDot(std::string_view name)
+{
+    return std::min(name.rfind('.'), name.size());
+}
+
+// Inserts `suffix` before the last "." of the name.
+CEString Suffixed(const CEString& name, const char* suffix)
+{
+    const std::size_t dot = LastDot(name.View());
+    CEString result(name.View().substr(0, dot));
+    result.Append(suffix);
+    result.Append(name.View().substr(dot));
+    return result;
+}
+} // namespace
+
+CTraceFile::CTraceFile(const char* jobName, const char* buildText, const char* variable,
+                       std::uint32_t threadId)
+    : m_version(kVersion), m_jobName(jobName), m_buildText(buildText), m_level("NORMAL")
+{
+    const std::lock_guard<platform::CPlatformMutex> lock(TraceMutex());
+    if (!g_multiThreaded && g_firstThread == 0) {
+        g_firstThread = threadId;
+    } else if (g_multiThreaded || g_firstThread != threadId) {
+        g_multiThreaded = true;
+        m_threadMark = 't';
+        m_threadId = threadId;
+    }
+
+    const CEString specification = std::strcmp(variable, kBuiltInVariable) == 0
+                                       ? CEString(buildText)
+                                       : platform::EnvironmentVariable(variable);
+    const std::size_t semicolon = specification.View().find(';');
+    m_configuredName = CEString(specification.View().substr(0, semicolon));
+    if (semicolon != std::string_view::npos) {
+        m_level = CEString(specification.View().substr(semicolon + 1));
+    }
+}
+
+CTraceFile::~CTraceFile()
+{
+    CloseTrace();
+}
+
+bool CTraceFile::IsMultiThreaded()
+{
+    return g_multiThreaded;
+}
+
+CEString CTraceFile::WithThreadSuffix(const CEString& name) const
+{
+    if (m_threadMark == '0' && m_threadId == 0) {
+        return name;
+    }
+    CEString suffix;
+    suffix.Format("-%c%lu", m_threadMark, static_cast<unsigned long>(m_threadId));
+    return name.View().find(suffix.View()) != std::string_view::npos ? name : Suffixed(name, suffix.CStr());
+}
+
+bool CTraceFile::OpenCurrentName()
+{
+    m_lineCounter = 0;
+    m_warningCount = 0;
+    m_errorCount = 0;
+    return OpenWrite();
+}
+
+void CTraceFile::WriteHeader()
+{
+    Normal("%s Version %s (%#8.8lx) vom %s, %s", m_jobName.CStr(), m_buildText.CStr(),
+           static_cast<unsigned long>(m_version), __DATE__, __TIME__);
+}
+
+bool CTraceFile::OpenConfigured()
+{
+    m_configuredName = WithThreadSuffix(m_configuredName);
+    SetFileName(m_configuredName.CStr());
+    if (!OpenCurrentName()) {
+        return false;
+    }
+    WriteHeader();
+    return true;
+}
+
+bool CTraceFile::EnsureWritable()
+{
+    return IsOpen() || m_configuredName.IsEmpty() || OpenConfigured() || ResolveConflict();
+}
+
+bool CTraceFile::ResolveConflict()
+{
+    const CEString wanted = m_configuredName;
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+        ClearPendingError();
+        const char suffix[] = {'-', letter, '\0'};
+        const CEString name = Suffixed(wanted, suffix);
+        if (SwitchFile(name.CStr())) {
+            Normal("Opened new trace file '%s', because of a writing conflict with file '%s'", name.CStr(),
+                   wanted.CStr());
+            return true;
+        }
+    }
+    SetPendingError(kNoTraceFile);
+    return false;
+}
+
+bool CTraceFile::ReportError(const char* format, const char* argument)
+{
+    Trace(TraceLevel::Error, "%s", DescribeFailure(format, argument).CStr());
+    return false;
+}
+
+bool CTraceFile::LeaveFile()
+{
+    Normal("Trace closed.");
+    return Close();
+}
+
+bool CTraceFile::SwitchFile(const char* name)
+{
+    if (name == nullptr || *name == '\0') {
+        return LeaveFile();
+    }
+    const CEString newName = WithThreadSuffix(name);
+    if (newName == GetFileName()) {
+        return true;
+    }
+    const std::int32_t warnings = m_warningCount;
+    const std::int32_t errors = m_errorCount;
+    const CEString oldName = IsOpen() ? GetFileName() : CEString();
+    const bool wasOpen = IsOpen();
+    if (wasOpen) {
+        Normal("New tracefile '%s'", newName.CStr());
+        if (!LeaveFile()) {
+            return false;
+        }
+    }
+    SetFileName(newName.CStr());
+    if (!OpenCurrentName()) {
+        return false;
+    }
+    WriteHeader();
+    m_warningCount = warnings;
+    m_errorCount = errors;
+    m_configuredName = newName;
+    if (wasOpen) {
+        Normal("Previous tracefile '%s'", oldName.IsEmpty() ? "(null)" : oldName.CStr());
+    }
+    return true;
+}
+
+void CTraceFile::CloseTrace()
+{
+    if (IsOpen()) {
+        LeaveFile();
+    }
+}
+
+bool CTraceFile::IsActive(TraceLevel level) const
+{
+    if (!IsOpen()) {
+        return false;
+    }
+    // A configured text that is no level never stops the walk: everything is written.
+    const auto* const end = std::begin(kLevelNames) + static_cast<int>(level);
+    return std::find(std::begin(kLevelNames), end, m_level.View()) == end;
+}
+
+void CTraceFile::Count(TraceLevel level, const char* message)
+{
+    if (level > TraceLevel::Warning) {
+        return;
+    }
+    ++(level == TraceLevel::Error ? m_errorCount : m_warningCount);
+    if (GetFileName().IsEmpty() || m_problems.GetCount() >= kMostProblems) {
+        return;
+    }
+    CEString problem;
+    problem.Format("%s (%ld): %s \r\n", GetFileName().CStr(), static_cast<long>(m_lineCounter), message);
+    m_problems.Add(problem);
+}
+
+void CTraceFile::FormatPrefix()
+{
+    const platform::LocalTime now = platform::GetLocalTime();
+    std::snprintf(m_timestamp, sizeof m_timestamp, "%02d.%02d.%04d %02d:%02d:%02d,%03d ", now.day, now.month,
+                  now.year, now.hour, now.minute, now.second, now.millisecond);
+    std::snprintf(m_lineNumber, sizeof m_lineNumber, "%4ld ", static_cast<long>(++m_lineCounter));
+}
+
+bool CTraceFile::Compose(const char* message)
+{
+    char line[kLineSize + 3];
+    const int length = std::snprintf(line, kLineSize + 1, "%s%s%s", m_lineNumber, m_timestamp, message);
+    std::size_t end = std::min(static_cast<std::size_t>(std::max(length, 0)), kLineSize);
+    line[end++] = '\r';
+    line[end++] = '\n';
+    return IsOpen() && Write(line, 1, end);
+}
+
+bool CTraceFile::Line(TraceLevel level, const char* format, std::va_list arguments)
+{
+    if (!IsOpen()) {
+        return false;
+    }
+    if (!IsActive(level)) {
+        return true;
+    }
+    char message[kMessageSize];
+    if (std::vsnprintf(message, sizeof message, format, arguments) < 0) {
+        message[0] = '\0';
+    }
+    Count(level, message);
+    if (m_writing) {
+        return false;
+    }
+    m_writing = true;
+    FormatPrefix();
+    const bool written = Compose(message);
+    m_writing = false;
+    return written;
+}
+
+bool CTraceFile::WriteText(const char* text)
+{
+    if (!IsOpen()) {
+        return false;
+    }
+    if (!IsActive(TraceLevel::Normal)) {
+        return true;
+    }
+    if (m_writing) {
+        return false;
+    }
+    m_writing = true;
+    FormatPrefix();
+    const bool written = WriteString(m_lineNumber, false) && WriteString(m_timestamp, false) &&
+                         WriteString(text, false) && WriteString("", true);
+    m_writing = false;
+    return written;
+}
+
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): four functions that differ in their level alone
+#define VELMAIL_LINE(level)                                                                                  \
+    std::va_list arguments;                                                                                  \
+    va_start(arguments, format);                                                                             \
+    const bool written = Line(level, format, arguments);                                                     \
+    va_end(arguments);                                                                                       \
+    return written
+// NOLINTEND(cppcoreguidelines-macro-usage)
+
+bool CTraceFile::Error(const char* format, ...)
+{
+    VELMAIL_LINE(TraceLevel::Error);
+}
+
+bool CTraceFile::Warning(const char* format, ...)
+{
+    VELMAIL_LINE(TraceLevel::Warning);
+}
+
+bool CTraceFile::Info(const char* format, ...)
+{
+    VELMAIL_LINE(TraceLevel::Info);
+}
+
+bool CTraceFile::Normal(const char* format, ...)
+{
+    VELMAIL_LINE(TraceLevel::Normal);
+}
+
+#undef VELMAIL_LINE
+
+CEString CTraceFile::RuntimeText(const platform::ClockTime& start)
+{
+    return RuntimeText(start, platform::GetClockTime());
+}
+
+CEString CTraceFile::RuntimeText(const platform::ClockTime& start, const platform::ClockTime& now)
+{
+    constexpr int kMilliseconds = 1000;
+    constexpr std::uint32_t kNanosecondsPerMillisecond = 1'000'000;
+    auto seconds = static_cast<int>(now.seconds - start.seconds);
+    int milliseconds = static_cast<int>(now.nanoseconds / kNanosecondsPerMillisecond) -
+                       static_cast<int>(start.nanoseconds / kNanosecondsPerMillisecond);
+    if (milliseconds < 0) {
+        --seconds;
+        milliseconds += kMilliseconds;
+    }
+    CEString text;
+    text.Format("%d:%02d:%02d,%03d", seconds / 3600, seconds / 60 % 60, seconds % 60, milliseconds);
+    return text;
+}
