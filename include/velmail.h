@@ -1,0 +1,164 @@
+/*
+ * velmail.h - the mail library's interface for its host: ten C functions.
+ *
+ * Conventions
+ *
+ * 1. Results. Every function returns 1 for success and 0 for failure, never anything else. After a failure
+ *    VelMailGetLastError gives the numbered reason and VelMailGetErrorText its sentence.
+ * 2. Call order, per thread: any number of VelMailSetProperty, then VelMailConnect, one or more VelMailSend,
+ *    then VelMailDisconnect. The query functions may be called at any time.
+ * 3. Threads. All state (properties, connection, errors, trace) belongs to the calling thread. Several threads
+ *    may use the library at once without locking; a thread never sees another thread's settings. A thread's
+ *    state is made by its first call and destroyed when the thread ends.
+ * 4. Errors. Each working call (set, get, connect, send, disconnect) forgets the error of the call before it.
+ *    One failure reports late: when VelMailSend returns 0 because the *delivery* failed, or when a call
+ *    returned 1 although something went wrong beside it, the code surfaces at the next working call. That call
+ *    does nothing else, returns 0, and VelMailGetLastError then gives the code. A host calls VelMailDisconnect
+ *    after a failed send, reads the code, and calls VelMailDisconnect again.
+ * 5. Strings are zero-terminated single-byte texts; no encoding is assumed. They are copied: nothing the host
+ *    passes is kept beyond the call, except memory blocks, which are read during VelMailSend. Error texts are
+ *    Windows-1252.
+ * 6. Buffers belong to the host. Sizes are bytes and include the terminator.
+ * 7. No C++ exception leaves a function, and SIGPIPE never reaches the host.
+ * 8. Tracing. The environment variable VEL_MAILTRACE names the trace file ("mail.trc" or "mail.trc;DEBUG"). It
+ *    is read once per thread, at the thread's first call.
+ */
+#ifndef VELMAIL_H
+#define VELMAIL_H
+
+#include <stddef.h>
+
+#if defined(_WIN32)
+#if defined(VELMAIL_BUILD)
+#define VELMAIL_API __declspec(dllexport)
+#else
+#define VELMAIL_API __declspec(dllimport)
+#endif
+#elif defined(__GNUC__)
+#define VELMAIL_API __attribute__((visibility("default")))
+#else
+#define VELMAIL_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Sets the property `name` (see the table below) of the calling thread to the text `value`, which is copied.
+ * A null `value` empties a text property and sets a boolean one to 0. A null or empty `name` resets every
+ * property to its default and returns 1; `value` is then ignored.
+ * Fails with 0 for an unknown name (no error code) and for a property that cannot be written.
+ */
+VELMAIL_API int VelMailSetProperty(const char *name, const char *value);
+
+/*
+ * Reads the property `name` into `buffer` of `size` bytes.
+ * Text and list properties: the whole text and its terminator. With size 0 and a buffer, the needed size is
+ * written into the buffer as decimal text instead (kept for old hosts; the buffer must hold 12 bytes).
+ * Boolean properties: a 32-bit int in machine byte order; size at least 4.
+ * Fails with error 47 when the buffer is too small, 29 when it is null, and with 0 and no code for an unknown
+ * or null name. A failed read writes nothing.
+ */
+VELMAIL_API int VelMailGetProperty(const char *name, void *buffer, unsigned int size);
+
+/*
+ * Writes the error code of the thread's last working call into `*code`. When there was no error, `*code` is
+ * left as it is: preset it to 0. Fails with 0 for a null pointer or when the trace file is unusable.
+ */
+VELMAIL_API int VelMailGetLastError(int *code);
+
+/*
+ * The sentence for the last error (for code 0 the one for success). As VelMailGetErrorText.
+ */
+VELMAIL_API int VelMailGetLastErrorText(char *buffer, unsigned int size);
+
+/*
+ * Writes the German (where that is the user's language) or English sentence for `code` into `buffer` of `size`
+ * bytes. A text that does not fit is not cut: the result is 0 and the buffer holds an empty text. 128 bytes
+ * hold every text. Fails with 0 for an unknown code and for a null buffer. With a size below 1 the result is
+ * 0 and the first byte of the buffer is still set to 0.
+ */
+VELMAIL_API int VelMailGetErrorText(int code, char *buffer, int size);
+
+/*
+ * Writes the version number 0x01030002 into `*version`. Fails with 0 for a null pointer.
+ */
+VELMAIL_API int VelMailGetVersion(unsigned int *version);
+
+/*
+ * Writes the version text "VEL mail 1.3.2.0/mt" into `buffer` of `size` bytes, cut to fit and always
+ * terminated; the rest of the buffer is filled with zeros. Fails with 0 for a null buffer or size 0.
+ */
+VELMAIL_API int VelMailGetVersionText(char *buffer, size_t size);
+
+/*
+ * Makes the delivery service from the thread's properties, replacing the one it had. For SMTP the server is
+ * contacted by VelMailSend, not here. Fails with 656 for an unknown MailProtocol and 697 when no SMTP session
+ * can be made. With MailProtocol "MAPI" the result is 1 whatever the logon's outcome; a failed logon shows at
+ * the next call (convention 4).
+ */
+VELMAIL_API int VelMailConnect(void);
+
+/*
+ * Builds one mail from the thread's properties, checks it and delivers it; blocks until the server has
+ * answered or broken off.
+ * Returns 1 when the server took the mail or refused it in so many words (each refusal is a warning in the
+ * trace), 0 when the mail could not be built (the code is available at once) or its delivery failed (the code
+ * surfaces at the next working call, convention 4).
+ */
+VELMAIL_API int VelMailSend(void);
+
+/*
+ * Ends the delivery service of VelMailConnect. Returns 0 without an error code when there is none.
+ */
+VELMAIL_API int VelMailDisconnect(void);
+
+/*
+ * The properties. Names are case-sensitive. "list" is a text whose parts are separated by ";", without blanks.
+ * Memory blocks are a ";"-separated list of decimal numbers that alternate between an address in the process
+ * and a length in bytes ("140213456789;2048").
+ *
+ * name                          type   default  meaning
+ * ----------------------------- ------ -------- -------------------------------------------------------------
+ * MailSenderMailBox             text            sender's address; required for SMTP
+ * MailSenderFullName            text            sender's display name; the address when empty
+ * MailRecipientsMailBox         list            To addresses
+ * MailRecipientsFullName        list            To display names, by position
+ * MailCCRecipientsMailBox       list            Cc addresses
+ * MailCCRecipientsFullName      list            Cc display names, by position
+ * MailBCCRecipientsMailBox      list            Bcc addresses
+ * MailBCCRecipientsFullName     list            Bcc display names, by position
+ * MailRecipientCheck            text   "1"      1: a malformed or missing recipient stops the send
+ * MailReplyToMailBox            text            Reply-To address
+ * MailReplyToFullName           text            Reply-To display name
+ * MailSubject                   text            subject; required
+ * MailTextFilename              text            file that holds the mail text
+ * MailTextMemoryAddress         text            mail text in memory blocks; wins over MailTextFilename
+ * MailTextContentType           text            content type of the mail text; from the file's name when empty
+ * MailAttachmentFilename        list            files to attach; names of the attachments given in memory
+ * MailAttachmentMemoryAddress   text            attachments in memory, one block for each name
+ * MailAttachmentMimeType        list            MIME types by position; "text/plain" where none is given
+ * MailAdditionalSMTPHeader      text            kept with the mail; not sent over SMTP
+ * UseBulkMail                   bool   0        1: one message for each To recipient (SMTP only)
+ * MailProtocol                  text            "SMTP" (also when empty) or "MAPI"
+ * MailServer                    text            SMTP server; "localhost" when empty
+ * MailServerPort                text            SMTP port; "25" when empty
+ * MailAuthLogin                 text            login for the connection; not used over SMTP
+ * MailAuthPassword              text            password for the connection; not used over SMTP
+ * MailWorkSpace                 text            working directory during a send, for relative file names
+ * MailTraceFilename             text            protocol file of each send ("job.trc" or "job.trc;ERROR")
+ * MailDialog                    bool   0        MAPI: resolve names
+ * MailLogonDialog               bool   0        MAPI: allow the client's logon dialog
+ * MailResolveName               bool   0        kept; no delivery path reads it
+ * MailAvailable                 text            read only: "MailNone", "MailActive" or "MailDeactivated"
+ *
+ * A reset (empty name) sets the defaults, with two values that a fresh thread does not have: MailServerPort
+ * "25" and MailDialog 1.
+ */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,94 @@
+#include "src/iofilter.h"
+
+#include <algorithm>
+#include <cstring>
+
+bool IOFilter::Write(const void* /*buffer*/, std::int32_t /*length*/)
+{
+    return false;
+}
+
+bool IOFilter::ReadAtMark(void* /*buffer*/, std::int32_t& length)
+{
+    length = 0;
+    return false;
+}
+
+namespace {
+
+// Reads at most `wanted` bytes; a failure counts as the end of the data.
+std::int32_t Pull(IOElement& source, char* buffer, std::int32_t wanted)
+{
+    std::int32_t length = wanted;
+    return wanted > 0 && source.Read(buffer, length) ? std::clamp(length, 0, wanted) : 0;
+}
+
+std::size_t EncodeLine(const unsigned char* bytes, std::size_t count, char* out)
+{
+    static constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const char* const begin = out;
+    for (; count >= 3; bytes += 3, count -= 3) {
+        *out++ = kAlphabet[bytes[0] >> 2U];
+        *out++ = kAlphabet[(bytes[0] & 3U) << 4U | bytes[1] >> 4U];
+        *out++ = kAlphabet[(bytes[1] & 15U) << 2U | bytes[2] >> 6U];
+        *out++ = kAlphabet[bytes[2] & 63U];
+    }
+    if (count > 0) {
+        const unsigned second = count > 1 ? bytes[1] : 0U;
+        *out++ = kAlphabet[bytes[0] >> 2U];
+        *out++ = kAlphabet[(bytes[0] & 3U) << 4U | second >> 4U];
+        *out++ = count > 1 ? kAlphabet[(second & 15U) << 2U] : '=';
+        *out++ = '=';
+    }
+    return static_cast<std::size_t>(out - begin);
+}
+
+} // namespace
+
+bool CBase64FilterIo::Read(void* buffer, std::int32_t& length)
+{
+    constexpr std::int32_t kBytesPerLine = 57;
+    const std::int32_t wanted = std::min(std::max(length, 0) / 4 * 3, kBytesPerLine);
+    length = 0;
+    if (GetInner() == nullptr) {
+        return false;
+    }
+    char bytes[kBytesPerLine];
+    const std::int32_t count = Pull(*GetInner(), bytes, wanted);
+    if (count > 0) {
+        auto* const out = static_cast<char*>(buffer);
+        const std::size_t encoded =
+            EncodeLine(reinterpret_cast<const unsigned char*>(bytes), static_cast<std::size_t>(count), out);
+        std::memcpy(out + encoded, "\r\n", 3);
+        length = static_cast<std::int32_t>(encoded) + 2;
+    }
+    return true;
+}
+
+void CrLfFilterIo::Restart(IOElement* source)
+{
+    SetInner(source);
+    m_lastByte = 0;
+}
+
+bool CrLfFilterIo::Read(void* buffer, std::int32_t& length)
+{
+    constexpr std::int32_t kLargestChunk = 500;
+    const std::int32_t wanted = std::min(std::max(length, 0) / 2, kLargestChunk); // every byte may become two
+    length = 0;
+    if (GetInner() == nullptr) {
+        return false;
+    }
+    char chunk[kLargestChunk];
+    const std::int32_t count = Pull(*GetInner(), chunk, wanted);
+    auto* out = static_cast<char*>(buffer);
+    for (const char* c = chunk; c != chunk + count; ++c) {
+        if (*c == '\n' && m_lastByte != '\r') {
+            *out++ = '\r';
+        }
+        *out++ = m_lastByte = *c;
+    }
+    *out = '\0';
+    length = static_cast<std::int32_t>(out - static_cast<char*>(buffer));
+    return true;
+}

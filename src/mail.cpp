@@ -1,0 +1,90 @@
+#include "src/mail.h"
+
+#include <algorithm>
+
+#include "src-baselib/report.h"
+
+namespace {
+// Looks at a file without making the host's error of what it finds.
+class CProbeFile : public AFile
+{
+public:
+    bool ReportError(const char* format, const char* argument) override
+    {
+        Trace(TraceLevel::Error, "%s", DescribeFailure(format, argument).CStr());
+        return false;
+    }
+
+    // The file's size, -1 where the system does not tell it beforehand.
+    bool Probe(std::int64_t& size)
+    {
+        if (!Open()) {
+            return false;
+        }
+        if (!platform::IsRegularFile(Handle())) {
+            SetLastSystemError(platform::NotAFileError());
+            return ReportError("The file %s cannot be opened: %s.", GetFileName().CStr());
+        }
+        char byte = 0;
+        std::size_t count = 0;
+        if (!Read(&byte, 1, 1, count)) {
+            return false;
+        }
+        size = GetLength();
+        if (size == 0 && count > 0) {
+            size = -1; // some system files have content and no size
+        }
+        return true;
+    }
+};
+} // namespace
+
+bool CCheckedFile::Begin()
+{
+    Close();
+    m_rest = m_checkedSize;
+    m_failed = !GetFile().Open();
+    return !m_failed;
+}
+
+bool CCheckedFile::Read(void* buffer, std::int32_t& length)
+{
+    if (m_checkedSize >= 0) {
+        length = static_cast<std::int32_t>(std::min<std::int64_t>(length, m_rest));
+        if (length == 0) {
+            return !m_failed;
+        }
+    }
+    const bool read = IOFile::Read(buffer, length);
+    m_failed = m_failed || !read;
+    m_rest -= m_checkedSize >= 0 ? length : 0;
+    return read;
+}
+
+bool CMailDocument::CheckFile()
+{
+    CProbeFile probe;
+    probe.SetFileName(m_fileName.CStr());
+    std::int64_t size = -1;
+    const bool readable = probe.Probe(size);
+    m_file.SetCheckedSize(size);
+    return readable;
+}
+
+IOElement* CMailDocument::OpenChosenStream()
+{
+    if (m_memory.IsEmpty()) {
+        m_file.SetName(m_fileName.CStr());
+        return m_file.Begin() ? &m_file : nullptr;
+    }
+    if (!m_memoryStream) {
+        m_memoryStream = std::make_unique<IOMemory>();
+    }
+    return m_memoryStream->SetMemoryBlocks(m_memory.CStr()) ? m_memoryStream.get() : nullptr;
+}
+
+IOElement* CMailTextBody::OpenStream()
+{
+    m_textFilter.Restart(OpenChosenStream());
+    return &m_textFilter;
+}

@@ -1,0 +1,144 @@
+// One mail job as it is handed to a delivery service: addresses, text, attachments. Built by the send
+// pipeline, it lives for one send and owns all it holds; nothing in it refers to a property.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "src-baselib/cestring.h"
+#include "src-baselib/iofile.h"
+#include "src-baselib/iomem.h"
+#include "src-baselib/pointerarray.h"
+#include "src/iofilter.h"
+#include "src/mailaddress.h"
+
+// A file that delivers what a check saw of it: never more, and it knows when there was less.
+class CCheckedFile : public IOFile
+{
+public:
+    // Begins a pass from the start. False, and reported, when the file cannot be opened.
+    bool Begin();
+    bool Read(void* buffer, std::int32_t& length) override;
+    // Whether the pass read without failure all that the check saw.
+    [[nodiscard]] bool IsDelivered() const { return !m_failed && m_rest <= 0; }
+    // -1: there was no check, the file's end is its end.
+    void SetCheckedSize(std::int64_t size) { m_checkedSize = size; }
+
+private:
+    std::int64_t m_checkedSize = -1;
+    std::int64_t m_rest = -1; // bytes still to deliver in this pass
+    bool m_failed = false;
+};
+
+// Where the content of a text or an attachment comes from: a file, or blocks of the host's memory.
+class CMailDocument
+{
+public:
+    CMailDocument() = default;
+    CMailDocument(const CMailDocument&) = delete;
+    CMailDocument& operator=(const CMailDocument&) = delete;
+
+    virtual ~CMailDocument() = default;
+    // The stream of the content, at its start, for a fresh pass; owned by the document. Null when it cannot
+    // be opened, which has then been reported.
+    virtual IOElement* OpenStream() = 0;
+
+    void SetFileName(const CEString& name) { m_fileName = name; }
+    [[nodiscard]] const CEString& GetFileName() const { return m_fileName; }
+    // A list of memory blocks; when it is not empty it takes precedence over the file.
+    void SetMemory(const CEString& blocks) { m_memory = blocks; }
+    [[nodiscard]] const CEString& GetMemory() const { return m_memory; }
+
+    // Whether the file can be read; its size is what will be delivered. Raises nothing: the system's reason
+    // goes to the trace. A folder, a device or a pipe is not a file.
+    [[nodiscard]] bool CheckFile();
+    // Whether the last pass read all that CheckFile saw; always true for memory.
+    [[nodiscard]] bool IsDelivered() const { return !m_memory.IsEmpty() || m_file.IsDelivered(); }
+
+protected:
+    IOElement* OpenChosenStream();
+
+private:
+    CEString m_fileName;
+    CEString m_memory;
+    CCheckedFile m_file;
+    std::unique_ptr<IOMemory> m_memoryStream; // made by the first use
+};
+
+// The mail text: its stream delivers CR LF line ends.
+class CMailTextBody : public CMailDocument
+{
+public:
+    // Never null: without a source the filter's reads fail.
+    IOElement* OpenStream() override;
+
+    void SetContentType(const CEString& type) { m_contentType = type; }
+    [[nodiscard]] const CEString& GetContentType() const { return m_contentType; }
+
+private:
+    CEString m_contentType;
+    CrLfFilterIo m_textFilter;
+};
+
+// An attachment: its stream delivers the bytes as they are.
+class CMailAttachment : public CMailDocument
+{
+public:
+    IOElement* OpenStream() override { return OpenChosenStream(); }
+
+    void SetMimeType(const CEString& type) { m_mimeType = type; }
+    [[nodiscard]] const CEString& GetMimeType() const { return m_mimeType; }
+    // The name under which it is sent.
+    void SetName(const CEString& name) { m_name = name; }
+    [[nodiscard]] const CEString& GetName() const { return m_name; }
+
+private:
+    CEString m_mimeType;
+    CEString m_name;
+};
+
+class CMail
+{
+public:
+    using Addresses = COwnedArray<CMailAddress>;
+
+    CMail() = default;
+    CMail(const CMail&) = delete;
+    CMail& operator=(const CMail&) = delete;
+    virtual ~CMail() = default;
+
+    COwnedArray<CMailAttachment>& Attachments() { return m_attachments; }
+    Addresses& To() { return m_to; }
+    Addresses& Cc() { return m_cc; }
+    Addresses& Bcc() { return m_bcc; }
+    CMailAddress& Sender() { return m_sender; }
+    CMailAddress& ReplyTo() { return m_replyTo; }
+    CMailTextBody& Text() { return m_text; }
+    [[nodiscard]] const COwnedArray<CMailAttachment>& Attachments() const { return m_attachments; }
+    [[nodiscard]] const Addresses& To() const { return m_to; }
+    [[nodiscard]] const Addresses& Cc() const { return m_cc; }
+    [[nodiscard]] const Addresses& Bcc() const { return m_bcc; }
+    [[nodiscard]] const CMailAddress& Sender() const { return m_sender; }
+    [[nodiscard]] const CMailAddress& ReplyTo() const { return m_replyTo; }
+    [[nodiscard]] const CMailTextBody& Text() const { return m_text; }
+
+    void SetSubject(const CEString& subject) { m_subject = subject; }
+    [[nodiscard]] const CEString& GetSubject() const { return m_subject; }
+    void SetAdditionalHeader(const CEString& header) { m_additionalHeader = header; }
+    [[nodiscard]] const CEString& GetAdditionalHeader() const { return m_additionalHeader; }
+    // Exactly 1: a message of its own for each To recipient; any other value: one message for all.
+    void SetMessagePerRecipient(std::int32_t flag) { m_messagePerRecipient = flag; }
+    [[nodiscard]] bool IsMessagePerRecipient() const { return m_messagePerRecipient == 1; }
+
+private:
+    COwnedArray<CMailAttachment> m_attachments;
+    CEString m_subject;
+    CMailAddress m_sender;
+    Addresses m_to;
+    Addresses m_cc;
+    Addresses m_bcc;
+    CMailAddress m_replyTo;
+    std::int32_t m_messagePerRecipient = 1;
+    CEString m_additionalHeader;
+    CMailTextBody m_text;
+};

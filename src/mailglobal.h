@@ -1,0 +1,36 @@
+// A thread's mail state: its properties, its language, its delivery service and what it is composing.
+#pragma once
+
+#include <memory>
+
+#include "src/composition.h"
+#include "src/mailservice.h"
+#include "src/propmail.h"
+
+class CMailGlobal
+{
+public:
+    // `module` is the handle of the loaded library, null where there is none.
+    explicit CMailGlobal(void* module);
+
+    [[nodiscard]] CLiveMailProperties& Live() { return m_live; }
+    void ResetProperties() { m_live.CopyValuesFrom(m_defaults); }
+    // "German" gives German error texts, everything else English ones.
+    [[nodiscard]] const CEString& GetLanguage() const { return m_language; }
+    void SetLanguage(const char* language) { m_language = language; }
+    [[nodiscard]] ThreadComposition& Composition() { return m_composition; }
+
+    // Null when not connected.
+    [[nodiscard]] CMailService* GetService() const { return m_service.get(); }
+    void SetService(std::unique_ptr<CMailService> service) { m_service = std::move(service); }
+
+    [[nodiscard]] void* GetModule() const { return m_module; }
+
+private:
+    void* m_module;
+    CLiveMailProperties m_live;
+    CDefaultMailProperties m_defaults;
+    CEString m_language;
+    ThreadComposition m_composition;
+    std::unique_ptr<CMailService> m_service; // goes first: its end may still report and compose
+};

@@ -1,0 +1,49 @@
+#include "src/propmail.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "src-baselib/report.h"
+#include "src/mapimailservice.h"
+
+namespace {
+constexpr int kNotReadableBuffer = 29;
+constexpr int kBufferTooSmall = 47;
+constexpr std::int32_t kSmallestBuffer = 15;
+
+std::string_view StateText(MapiState state)
+{
+    switch (state) {
+    case MapiState::NotAvailable:
+        return "MailNone";
+    case MapiState::LoggedOn:
+        return "MailActive";
+    default:
+        return "MailDeactivated";
+    }
+}
+} // namespace
+
+bool CMailProperty::GetValue(void* buffer, std::int32_t size)
+{
+    if (size < kSmallestBuffer) {
+        RaiseError(kBufferTooSmall);
+        return false;
+    }
+    if (buffer == nullptr) {
+        RaiseError(kNotReadableBuffer);
+        return false;
+    }
+    const CMapiMailService service(m_logonDialog.GetBool() != 0, false);
+    const std::string_view text = StateText(service.GetState()).substr(0, static_cast<std::size_t>(size - 1));
+    *std::copy(text.begin(), text.end(), static_cast<char*>(buffer)) = '\0';
+    return true;
+}
+
+bool CMailProperty::SetString(const void* /*value*/)
+{
+    if (!CheckWritable()) {
+        return false;
+    }
+    return false; // found out, never set
+}

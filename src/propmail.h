@@ -1,0 +1,77 @@
+// The mail properties: the host's configuration of a job, in two sets with the same names. The live set is
+// what the host reads and writes; the default set is copied into it by a reset. They differ where the system
+// always did: in types, and in the defaults of MailServerPort and MailDialog.
+#pragma once
+
+#include "src-baselib/property.h"
+#include "src-baselib/propertyset.h"
+
+// MailAvailable: the state of the system's mail client, found out at each read. Its stored text stays empty.
+class CMailProperty : public CStringProperty
+{
+public:
+    CMailProperty(const char* name, CPropertySet& owner, const CBoolProperty& logonDialog)
+        : CStringProperty(name, owner), m_logonDialog(logonDialog)
+    {
+    }
+
+    // Error 47 for a size below 15; a longer text is cut to the size and terminated.
+    bool GetValue(void* buffer, std::int32_t size) override;
+    // Changes nothing and returns false; error 3 only when the property is not writable.
+    bool SetString(const void* value) override;
+
+private:
+    const CBoolProperty& m_logonDialog;
+};
+
+// `List` is the type of the four properties that are lists in the live set only.
+template<class List>
+struct CMailProperties : CPropertySet
+{
+    CMailProperties(const char* serverPort, std::int32_t dialog)
+        : mailServerPort("MailServerPort", *this, serverPort), mailDialog("MailDialog", *this, dialog)
+    {
+    }
+
+    List mailAttachmentFilename{"MailAttachmentFilename", *this};
+    CStringProperty mailAttachmentMemoryAddress{"MailAttachmentMemoryAddress", *this};
+    List mailAttachmentMimeType{"MailAttachmentMimeType", *this};
+    CStringProperty mailTextFilename{"MailTextFilename", *this};
+    CStringProperty mailTextMemoryAddress{"MailTextMemoryAddress", *this};
+    CStringProperty mailTextContentType{"MailTextContentType", *this};
+    CStringProperty mailSenderMailBox{"MailSenderMailBox", *this};
+    CStringProperty mailSenderFullName{"MailSenderFullName", *this};
+    CStringProperty mailTraceFilename{"MailTraceFilename", *this};
+    List mailRecipientsMailBox{"MailRecipientsMailBox", *this};
+    List mailRecipientsFullName{"MailRecipientsFullName", *this};
+    CSeparatedStringProperty mailCCRecipientsMailBox{"MailCCRecipientsMailBox", *this};
+    CSeparatedStringProperty mailCCRecipientsFullName{"MailCCRecipientsFullName", *this};
+    CSeparatedStringProperty mailBCCRecipientsMailBox{"MailBCCRecipientsMailBox", *this};
+    CSeparatedStringProperty mailBCCRecipientsFullName{"MailBCCRecipientsFullName", *this};
+    CStringProperty mailReplyToMailBox{"MailReplyToMailBox", *this};
+    CStringProperty mailReplyToFullName{"MailReplyToFullName", *this};
+    CStringProperty mailSubject{"MailSubject", *this};
+    CStringProperty mailAdditionalSMTPHeader{"MailAdditionalSMTPHeader", *this};
+    CStringProperty mailAuthLogin{"MailAuthLogin", *this};
+    CStringProperty mailAuthPassword{"MailAuthPassword", *this};
+    CStringProperty mailProtocol{"MailProtocol", *this};
+    CStringProperty mailServer{"MailServer", *this};
+    CStringProperty mailServerPort;
+    CStringProperty mailWorkSpace{"MailWorkSpace", *this};
+    CBoolProperty useBulkMail{"UseBulkMail", *this};
+    CBoolProperty mailDialog;
+    CBoolProperty mailLogonDialog{"MailLogonDialog", *this};
+    CBoolProperty mailResolveName{"MailResolveName", *this};
+    CMailProperty mailAvailable{"MailAvailable", *this, mailLogonDialog};
+    CStringProperty mailRecipientCheck{"MailRecipientCheck", *this, "1"};
+};
+
+struct CLiveMailProperties : CMailProperties<CSeparatedStringProperty>
+{
+    CLiveMailProperties() : CMailProperties(nullptr, 0) {}
+};
+
+struct CDefaultMailProperties : CMailProperties<CStringProperty>
+{
+    CDefaultMailProperties() : CMailProperties("25", 1) {}
+};

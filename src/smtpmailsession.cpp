@@ -1,0 +1,263 @@
+#include "src/smtpmailsession.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <random>
+
+#include "src-baselib/platform.h"
+#include "src-baselib/report.h"
+#include "src/composition.h"
+#include "src/smtpmailservice.h"
+
+namespace {
+
+constexpr int kCodeBase = 661;
+constexpr int kDroppedConnection = 664;
+constexpr int kErrorNotKnown = 682;
+constexpr int kSessionError = 697;
+constexpr int kMessageError = 698;
+constexpr int kFirstNumber = 2; // of the error numbers that have a code of their own
+constexpr int kLastNumber = 20;
+constexpr int kFirstBrokenNumber = 4;
+constexpr const char* kNoSession = "Failed to create an SMTP session! Possibly ran out of memory!";
+
+// Nothing clears libESMTP's error number. A refused argument sets it to this one, which no dialogue sets:
+// what is found there afterwards, and differs, belongs to the session.
+constexpr int kMarkedNumber = SMTP_ERR_INVAL;
+
+void MarkErrorNumber()
+{
+    smtp_start_session(nullptr);
+}
+
+int SessionErrorNumber()
+{
+    const int number = smtp_errno();
+    return number == kMarkedNumber ? 0 : number;
+}
+
+// libESMTP's own Message-Ids, made of the time and the process, are equal for threads that send at once, and
+// a receiver takes the second of two equal ones for a copy. 128 random bits tell threads, processes and hosts
+// apart.
+CEString MakeMessageId()
+{
+    static std::atomic<std::uint32_t> counter = 0;
+    std::random_device random;
+    CEString id;
+    id.Format("velmail.%08x%08x%08x%08x.%u@%s", random(), random(), random(), random(), ++counter,
+              platform::HostName().CStr());
+    return id;
+}
+
+template<class... Arguments>
+void TraceTransport(const char* format, Arguments... arguments)
+{
+    if (const TransportTrace trace = GetTransportTrace()) {
+        trace(format, arguments...);
+    }
+}
+
+bool Fail(int code, const std::source_location& where = std::source_location::current())
+{
+    static constexpr const char* kText = "Error during SMTP Session startup ...";
+    Trace(TraceLevel::Error, "%s", kText);
+    RaiseError(code, kText, where);
+    Trace(TraceLevel::Error, "Sending mail failed.");
+    return false;
+}
+
+} // namespace
+
+int StartErrorCode(int number)
+{
+    return number >= kFirstNumber && number <= kLastNumber ? kCodeBase + number : kErrorNotKnown;
+}
+
+int TestAuthCallback(auth_client_request_t /*request*/, char** result, int fields, void* /*argument*/)
+{
+    static char login[] = "Kemo1";
+    static char password[] = "SamplePwdXyz7";
+    if (fields > 0) {
+        result[0] = login;
+    }
+    if (fields > 1) {
+        result[1] = password;
+    }
+    return 0;
+}
+
+const char* WholeTextCallback(void** context, int* length, void* text)
+{
+    *context = nullptr;
+    ThreadComposition* const composition = CurrentComposition();
+    if (composition == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    WholeTextState& state = composition->wholeText;
+    errno = 0;
+    if (length == nullptr) {
+        state.sent = false;
+        return nullptr;
+    }
+    const auto* const whole = static_cast<const char*>(text);
+    state.length = state.sent ? 0 : static_cast<int>(std::strlen(whole));
+    state.sent = true;
+    *length = state.length;
+    return whole;
+}
+
+CSMTPMailSession::CSMTPMailSession()
+    : m_feed(platform::MonotonicMilliseconds), m_messageCallback(WholeTextCallback)
+{
+}
+
+CSMTPMailSession::~CSMTPMailSession()
+{
+    Destroy();
+}
+
+bool CSMTPMailSession::Create()
+{
+    m_session = smtp_create_session();
+    if (m_session == nullptr) {
+        RaiseError(kSessionError, kNoSession);
+        return false;
+    }
+    smtp_set_eventcb(m_session, &CSMTPMailSession::OnEvent, this);
+    if (!SetServer(m_host, m_port)) {
+        return false;
+    }
+    m_authContext = auth_create_context();
+    if (m_authContext != nullptr) {
+        auth_set_mechanism_flags(m_authContext, AUTH_PLUGIN_PLAIN, 0);
+        auth_set_interact_cb(m_authContext, TestAuthCallback, nullptr);
+    }
+    return true;
+}
+
+bool CSMTPMailSession::SetServer(const CEString& host, const CEString& port)
+{
+    CEString server(host.View());
+    server.Append(":");
+    server.Append(port.View());
+    if (smtp_set_server(m_session, server.CStr()) == 0) {
+        RaiseError(kSessionError, kNoSession);
+        return false;
+    }
+    m_host = host;
+    m_port = port;
+    return true;
+}
+
+void CSMTPMailSession::Destroy()
+{
+    if (m_session != nullptr) {
+        smtp_destroy_session(m_session);
+        m_session = nullptr;
+    }
+    if (m_authContext != nullptr) {
+        auth_destroy_context(m_authContext);
+        m_authContext = nullptr;
+    }
+    while (m_messages.GetCount() > 0) {
+        m_messages.Take(m_messages.GetCount() - 1).reset();
+    }
+    m_firstOfSend = 0;
+    m_mustRenew = false;
+}
+
+CSMTPMailMessage* CSMTPMailSession::AddMessage(const CEString& subject, CMail& job)
+{
+    if (m_session == nullptr) {
+        RaiseError(0, "Invalid session object ( m_pSessionSMTPSession )!");
+        return nullptr;
+    }
+    smtp_message_t const message = smtp_add_message(m_session);
+    if (message == nullptr) {
+        RaiseError(kMessageError, "Failed to add message to SMTP session! Possibly ran out of memory!");
+        return nullptr;
+    }
+    CSMTPMailMessage* const added =
+        m_messages.Add(std::make_unique<CSMTPMailMessage>(message, job, ComposeMessageChunk, m_feed));
+    const struct
+    {
+        const char* name;
+        const char* value;
+    } fields[] = {{"Subject", subject.CStr()}, {"X-User-Agent", "VEL Mail 1.3.2"}, {"X-MIME-Version", "1.0"}};
+    for (const auto& field : fields) {
+        smtp_set_header(message, field.name, field.value);
+        smtp_set_header_option(message, field.name, Hdr_OVERRIDE, 1);
+    }
+    smtp_set_header(message, "Message-Id", MakeMessageId().CStr());
+    return added;
+}
+
+bool CSMTPMailSession::Renew()
+{
+    Trace(TraceLevel::Warning,
+          "Warning: The send before was not delivered whole. The SMTP session is made anew.");
+    Destroy();
+    return Create();
+}
+
+bool CSMTPMailSession::BeginSend()
+{
+    if (m_mustRenew && !Renew()) {
+        return false;
+    }
+    m_firstOfSend = m_messages.GetCount();
+    // Until the dialogue has shown otherwise: a send that ends before it leaves messages behind, too.
+    m_mustRenew = m_session != nullptr;
+    return true;
+}
+
+void CSMTPMailSession::EndSend()
+{
+    for (std::int32_t i = m_firstOfSend; i < m_messages.GetCount(); ++i) {
+        m_messages.At(i)->ForgetJob();
+    }
+    m_firstOfSend = m_messages.GetCount();
+}
+
+void CSMTPMailSession::OnEvent(smtp_session_t /*session*/, int event, void* argument, ...)
+{
+    if (event == SMTP_EV_CONNECT) {
+        static_cast<CSMTPMailSession*>(argument)->m_monitor.Reset();
+    }
+}
+
+bool CSMTPMailSession::Start()
+{
+    const bool headersToo = IsTraceActive(); // without a trace no callback looks at the message
+    smtp_set_monitorcb(m_session, &CDialogueMonitor::Callback, &m_monitor, headersToo ? 1 : 0);
+    TraceTransport("using message submission server %s:%s \n", m_host.CStr(), m_port.CStr());
+
+    const platform::CBrokenPipeGuard guard;
+    MarkErrorNumber();
+    const bool started = smtp_start_session(m_session) != 0;
+    return Settle(started, SessionErrorNumber());
+}
+
+bool CSMTPMailSession::Settle(bool started, int number)
+{
+    Delivery worst = Delivery::Sent;
+    if (started) {
+        for (std::int32_t i = m_firstOfSend; i < m_messages.GetCount(); ++i) {
+            worst = std::max(worst, m_messages.At(i)->Settle());
+        }
+    }
+    m_mustRenew = !started || worst != Delivery::Sent;
+    if (started && worst != Delivery::BrokenOff) {
+        return true;
+    }
+    if (started) {
+        return Fail(number >= kFirstBrokenNumber && number <= kLastNumber ? kCodeBase + number
+                                                                          : kDroppedConnection);
+    }
+    if (const char* const text = number < 0 ? SocketErrorText(-number) : nullptr) {
+        TraceTransport("In %s: %s \n", "connect", text);
+    }
+    return Fail(StartErrorCode(number));
+}
