@@ -1,0 +1,61 @@
+// What the command line of the mail host asks for, and the properties it knows by name. The library decides
+// which properties there are; the table here serves the help text and says which are not plain texts.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+enum class PropertyKind : std::uint8_t
+{
+    Text,
+    List,
+    Flag,    // read as a 32-bit int
+    Blocks,  // memory blocks, given as @FILE
+    ReadOnly // a text that cannot be set
+};
+
+struct PropertyInfo
+{
+    const char* name;
+    PropertyKind kind;
+    const char* meaning;
+};
+
+struct Setting
+{
+    std::string name;
+    std::string value;
+};
+
+enum class HostAction : std::uint8_t
+{
+    Send,
+    Get,
+    Help,
+    Version
+};
+
+struct HostOptions
+{
+    HostAction action = HostAction::Send;
+    std::string library; // empty: the program's own
+    std::vector<Setting> settings;
+    std::vector<std::string> queries;
+};
+
+// A failure that ends the program; the text is for the user and stands on one line.
+class CHostFailure : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reads the arguments after the program's name. Throws CHostFailure for a command line that makes no sense.
+[[nodiscard]] HostOptions ReadOptions(const std::vector<std::string>& arguments);
+
+// Returns null for a name that is not in the table.
+[[nodiscard]] const PropertyInfo* FindProperty(const std::string& name);
+
+[[nodiscard]] std::string HelpText();
