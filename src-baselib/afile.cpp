@@ -29,8 +29,9 @@ CEString Replaced(const char* text, char from, char to)
 
 AFile::~AFile()
 {
-    if (IsOpen()) {
-        AFile::CloseHandle();
+    if (m_handle != platform::kInvalidHandle && !platform::CloseFile(m_handle, m_lastError)) {
+        Trace(TraceLevel::Warning, "Warning: Cannot close the file %s: error %d.", m_name.CStr(),
+              m_lastError);
     }
 }
 

@@ -1,5 +1,7 @@
 #include "src-baselib/cepaths.h"
 
+#include <new>
+
 #include "src-baselib/platform.h"
 #include "src-baselib/report.h"
 
@@ -44,7 +46,11 @@ CEWorkingDir::~CEWorkingDir()
         const std::unique_ptr<CEString> last = m_stack.Take(m_stack.GetCount() - 1);
         // A send that changed nothing must not move the process: another thread may be at work elsewhere.
         if (m_changed) {
-            ChangeDir(last->CStr());
+            try {
+                ChangeDir(last->CStr());
+            } catch (const std::bad_alloc&) {
+                // The directory is changed before anything needs memory.
+            }
         }
     }
 }

@@ -18,10 +18,7 @@ public:
     static constexpr std::size_t kFormatLimit = 2047;
 
     CEString() = default;
-    CEString(const char* text)
-    {
-        Assign(text);
-    } // NOLINT(google-explicit-constructor): texts are given as literals
+    CEString(const char* text) { Assign(text); } // implicit: texts are given as literals
     explicit CEString(std::string_view text) { Assign(text); }
     CEString(const CEString& other) { Assign(other.View()); }
     CEString(CEString&& other) noexcept;

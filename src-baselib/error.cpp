@@ -7,26 +7,26 @@ CError::CError(const char* jobName, const char* buildText, const char* variable,
 {
 }
 
-void CError::Raise(int code, const char* text, const std::source_location& where)
+void CError::Raise(int code, const char* text, const SourcePlace& where)
 {
-    std::string_view file = where.file_name();
+    std::string_view file = where.file;
     file = file.substr(0, file.rfind('.')); // sources are named without their extension
-    const CEString source(file);
-    const int line = static_cast<int>(where.line());
+    const auto length = static_cast<int>(file.size());
     const int before = m_pending;
     ++m_pendingCount;
     if (before == 0) {
         m_pending = code;
     }
     if (before == 0 && text == nullptr) {
-        Error("Error: Setting error %d in %s(%d)", code, source.CStr(), line);
+        Error("Error: Setting error %d in %.*s(%d)", code, length, file.data(), where.line);
     } else if (before == 0) {
-        Error("Error: Setting error %d (%s) in %s(%d)", code, text, source.CStr(), line);
+        Error("Error: Setting error %d (%s) in %.*s(%d)", code, text, length, file.data(), where.line);
     } else if (text == nullptr) {
-        Error("Error: Current error: %d. Additional error  %d in %s(%d)", before, code, source.CStr(), line);
+        Error("Error: Current error: %d. Additional error  %d in %.*s(%d)", before, code, length, file.data(),
+              where.line);
     } else {
-        Error("Error: Current error: %d. Additional error %d (%s) in %s(%d)", before, code, text,
-              source.CStr(), line);
+        Error("Error: Current error: %d. Additional error %d (%s) in %.*s(%d)", before, code, text, length,
+              file.data(), where.line);
     }
 }
 
@@ -70,7 +70,7 @@ void ClearPendingError()
     }
 }
 
-void RaiseError(int code, const char* text, const std::source_location& where)
+void RaiseError(int code, const char* text, const SourcePlace& where)
 {
     if (CError* const error = ThreadErrorVar().Get()) {
         error->Raise(code, text, where);

@@ -10,7 +10,7 @@ class CError : public CTraceFile
 public:
     CError(const char* jobName, const char* buildText, const char* variable, std::uint32_t threadId);
 
-    void Raise(int code, const char* text, const std::source_location& where);
+    void Raise(int code, const char* text, const SourcePlace& where);
     [[nodiscard]] int GetPending() const { return m_pending; }
     // Forgets the pending error with its text and count.
     void ClearPending();

@@ -30,8 +30,8 @@ bool ParseBlock(std::string_view address, std::string_view length, MemoryBlock& 
         (place == 0 && block.length > 0)) {
         return false;
     }
-    block.address = reinterpret_cast<const void*>(
-        static_cast<std::uintptr_t>(place)); // NOLINT(performance-no-int-to-ptr)
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the host passes addresses as decimal text
+    block.address = reinterpret_cast<const void*>(static_cast<std::uintptr_t>(place));
     return true;
 }
 } // namespace

@@ -27,7 +27,7 @@ std::int32_t ToLong(const char* text)
 }
 } // namespace
 
-std::int32_t atoi_vel(const char* text) // NOLINT(readability-identifier-naming)
+std::int32_t atoi_vel(const char* text)
 {
     if (text == nullptr) {
         ::Trace(TraceLevel::Normal, "atoi_vel called with NULL");

@@ -10,7 +10,7 @@
 class CPropertySet;
 
 // Decimal conversion by atol rules; a null pointer is traced and gives 0.
-[[nodiscard]] std::int32_t atoi_vel(const char* text); // NOLINT(readability-identifier-naming)
+[[nodiscard]] std::int32_t atoi_vel(const char* text);
 
 class CProperty
 {

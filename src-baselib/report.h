@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <source_location>
 
 enum class TraceLevel : std::uint8_t
 {
@@ -14,10 +13,22 @@ enum class TraceLevel : std::uint8_t
     Debug
 };
 
+// Where a failure was noticed: the source file's path from the root, and the line.
+struct SourcePlace
+{
+    const char* file;
+    int line;
+
+    // The caller's own place, also as a default argument.
+    static constexpr SourcePlace Here(const char* file = __builtin_FILE(), int line = __builtin_LINE())
+    {
+        return {file, line};
+    }
+};
+
 // Raises an error. The first one of a call stays pending until the call ends, later ones are only traced.
 // `text` (may be null) goes to the trace line, never to the host.
-void RaiseError(int code, const char* text = nullptr,
-                const std::source_location& where = std::source_location::current());
+void RaiseError(int code, const char* text = nullptr, const SourcePlace& where = SourcePlace::Here());
 
 // Writes one printf-style line at `level` to the calling thread's trace.
 [[gnu::format(printf, 2, 3)]] void Trace(TraceLevel level, const char* format, ...);

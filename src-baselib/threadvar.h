@@ -32,7 +32,8 @@ public:
     // end reports still finds the thread's state.
     void Destroy()
     {
-        if (void* const object = platform::GetSlot(m_slot)) {
+        void* const object = platform::GetSlot(m_slot);
+        if (object != nullptr && m_destroy != nullptr) {
             m_destroy(object);
             platform::SetSlot(m_slot, nullptr);
         }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
+#include <new>
 
 #include "src-baselib/error.h"
 
@@ -95,10 +96,13 @@ bool CTraceFile::OpenCurrentName()
     return OpenWrite();
 }
 
+// Stands at the head of every file, whatever the level.
 void CTraceFile::WriteHeader()
 {
-    Normal("%s Version %s (%#8.8lx) vom %s, %s", m_jobName.CStr(), m_buildText.CStr(),
-           static_cast<unsigned long>(m_version), __DATE__, __TIME__);
+    CEString header;
+    header.Format("%s Version %s (%#8.8lx) vom %s, %s", m_jobName.CStr(), m_buildText.CStr(),
+                  static_cast<unsigned long>(m_version), __DATE__, __TIME__);
+    WriteLine(header.CStr());
 }
 
 bool CTraceFile::OpenConfigured()
@@ -132,6 +136,14 @@ bool CTraceFile::ResolveConflict()
     }
     SetPendingError(kNoTraceFile);
     return false;
+}
+
+bool CTraceFile::OpenHandle(std::uint32_t access, std::uint32_t share, std::uint32_t creation)
+{
+    m_writing = true;
+    const bool opened = AFile::OpenHandle(access, share, creation);
+    m_writing = false;
+    return opened;
 }
 
 bool CTraceFile::ReportError(const char* format, const char* argument)
@@ -205,9 +217,13 @@ void CTraceFile::Count(TraceLevel level, const char* message)
     if (GetFileName().IsEmpty() || m_problems.GetCount() >= kMostProblems) {
         return;
     }
-    CEString problem;
-    problem.Format("%s (%ld): %s \r\n", GetFileName().CStr(), static_cast<long>(m_lineCounter), message);
-    m_problems.Add(problem);
+    try {
+        CEString problem;
+        problem.Format("%s (%ld): %s \r\n", GetFileName().CStr(), static_cast<long>(m_lineCounter), message);
+        m_problems.Add(problem);
+    } catch (const std::bad_alloc&) {
+        // The line itself needs no memory: it is written, the list misses it.
+    }
 }
 
 void CTraceFile::FormatPrefix()
@@ -218,14 +234,21 @@ void CTraceFile::FormatPrefix()
     std::snprintf(m_lineNumber, sizeof m_lineNumber, "%4ld ", static_cast<long>(++m_lineCounter));
 }
 
-bool CTraceFile::Compose(const char* message)
+bool CTraceFile::WriteLine(const char* message)
 {
+    if (m_writing) {
+        return false;
+    }
+    m_writing = true;
+    FormatPrefix();
     char line[kLineSize + 3];
     const int length = std::snprintf(line, kLineSize + 1, "%s%s%s", m_lineNumber, m_timestamp, message);
     std::size_t end = std::min(static_cast<std::size_t>(std::max(length, 0)), kLineSize);
     line[end++] = '\r';
     line[end++] = '\n';
-    return IsOpen() && Write(line, 1, end);
+    const bool written = Write(line, 1, end);
+    m_writing = false;
+    return written;
 }
 
 bool CTraceFile::Line(TraceLevel level, const char* format, std::va_list arguments)
@@ -241,14 +264,7 @@ bool CTraceFile::Line(TraceLevel level, const char* format, std::va_list argumen
         message[0] = '\0';
     }
     Count(level, message);
-    if (m_writing) {
-        return false;
-    }
-    m_writing = true;
-    FormatPrefix();
-    const bool written = Compose(message);
-    m_writing = false;
-    return written;
+    return WriteLine(message);
 }
 
 bool CTraceFile::WriteText(const char* text)
@@ -270,14 +286,13 @@ bool CTraceFile::WriteText(const char* text)
     return written;
 }
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): four functions that differ in their level alone
+// Four functions that differ in their level alone; a variadic one cannot forward to another.
 #define VELMAIL_LINE(level)                                                                                  \
     std::va_list arguments;                                                                                  \
     va_start(arguments, format);                                                                             \
     const bool written = Line(level, format, arguments);                                                     \
     va_end(arguments);                                                                                       \
     return written
-// NOLINTEND(cppcoreguidelines-macro-usage)
 
 bool CTraceFile::Error(const char* format, ...)
 {

@@ -20,7 +20,8 @@ public:
     CTraceFile(const char* jobName, const char* buildText, const char* variable, std::uint32_t threadId);
     ~CTraceFile() override;
 
-    // Printf-style lines. False when the file is not open or the write failed, true also for a filtered line.
+    // Printf-style lines; none of them throws or needs memory. False when the file is not open or the write
+    // failed, true also for a filtered line.
     [[gnu::format(printf, 2, 3)]] bool Error(const char* format, ...);
     [[gnu::format(printf, 2, 3)]] bool Warning(const char* format, ...);
     [[gnu::format(printf, 2, 3)]] bool Info(const char* format, ...);
@@ -33,6 +34,8 @@ public:
     bool EnsureWritable();
     // Moves the trace to another file; an empty name closes it.
     bool SwitchFile(const char* name);
+    // What opening this file reports must not become its first line.
+    bool OpenHandle(std::uint32_t access, std::uint32_t share, std::uint32_t creation) override;
     // A failing trace is told to the thread's own trace where it can be, and never becomes the host's error.
     bool ReportError(const char* format, const char* argument) override;
     // Writes the last line and closes the file. Safe to call again.
@@ -60,7 +63,7 @@ private:
     void WriteHeader();
     [[nodiscard]] CEString WithThreadSuffix(const CEString& name) const;
     void Count(TraceLevel level, const char* message);
-    bool Compose(const char* message);
+    bool WriteLine(const char* message);
     void FormatPrefix();
 
     CEString m_configuredName;

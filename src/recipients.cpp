@@ -31,7 +31,7 @@ Kind KindOf(RecipientType type, const CLiveMailProperties& properties, CMail& ma
     }
 }
 
-bool Refuse(const CEString& text, const std::source_location& where = std::source_location::current())
+bool Refuse(const CEString& text, const SourcePlace& where = SourcePlace::Here())
 {
     Trace(TraceLevel::Error, "Error: %s", text.CStr());
     RaiseError(kNoRecipient, text.CStr(), where);

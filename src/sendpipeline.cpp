@@ -21,8 +21,6 @@ constexpr int kNoSender = 691;
 constexpr int kTextFailure = 695;
 constexpr int kNotImplemented = 702;
 
-using Where = std::source_location;
-
 CEString Joined(std::initializer_list<std::string_view> pieces)
 {
     CEString text;
@@ -45,9 +43,9 @@ public:
 private:
     [[gnu::format(printf, 2, 3)]] void InfoBoth(const char* format, ...);
     // Writes "Error: %s" to both traces and raises the error with the text. Always false.
-    bool FailBoth(int code, const char* text, const Where& where = Where::current());
+    bool FailBoth(int code, const char* text, const SourcePlace& where = SourcePlace::Here());
     // Writes "Error: %s" to the job protocol alone and raises the error. Always false.
-    bool FailJob(int code, const char* text, bool raiseText, const Where& where = Where::current());
+    bool FailJob(int code, const char* text, bool raiseText, const SourcePlace& where = SourcePlace::Here());
 
     void WriteEnvironment(const CEWorkingDir& directory);
     static void UseNumericLocaleC();
@@ -84,7 +82,7 @@ void CSendPipeline::InfoBoth(const char* format, ...)
     }
 }
 
-bool CSendPipeline::FailBoth(int code, const char* text, const Where& where)
+bool CSendPipeline::FailBoth(int code, const char* text, const SourcePlace& where)
 {
     m_frame.Error().Error("Error: %s", text);
     m_job.Error("Error: %s", text);
@@ -92,7 +90,7 @@ bool CSendPipeline::FailBoth(int code, const char* text, const Where& where)
     return false;
 }
 
-bool CSendPipeline::FailJob(int code, const char* text, bool raiseText, const Where& where)
+bool CSendPipeline::FailJob(int code, const char* text, bool raiseText, const SourcePlace& where)
 {
     m_job.Error("Error: %s", text);
     RaiseError(code, raiseText ? text : nullptr, where);

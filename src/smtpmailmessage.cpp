@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <exception>
 
 #include "src-baselib/report.h"
@@ -39,7 +40,7 @@ const TypeRow* FindType(RecipientType type)
 }
 
 void RaiseForType(const TypeRow* row, const char* prefix, const CEString& text,
-                  const std::source_location& where = std::source_location::current())
+                  const SourcePlace& where = SourcePlace::Here())
 {
     if (row == nullptr) {
         RaiseError(kUnknownTypeCode, kUnknownTypeText, where);
@@ -71,15 +72,15 @@ bool IsRefusal(const smtp_status_t* status)
     return status != nullptr && status->code >= 400 && status->code <= 599;
 }
 
+// Called through libESMTP's frames, so it needs no memory and throws nothing.
 void TraceRefusal(const char* mailbox, const smtp_status_t& status)
 {
-    CEString text;
-    for (const char* c = status.text; c != nullptr && *c != '\0'; ++c) {
-        const char letter[] = {*c == '\r' || *c == '\n' ? ' ' : *c, '\0'};
-        text.Append(letter);
-    }
+    char text[512] = "";
+    std::strncpy(text, status.text == nullptr ? "" : status.text, sizeof text - 1);
+    std::replace_if(
+        std::begin(text), std::end(text), [](char c) { return c == '\r' || c == '\n'; }, ' ');
     Trace(TraceLevel::Warning, "Warning: The server refused the recipient '%s': %d %s", mailbox, status.code,
-          text.CStr());
+          text);
 }
 
 struct Settlement

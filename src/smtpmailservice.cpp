@@ -141,7 +141,7 @@ CEString Boundary()
 // The end of a message that cannot be completed: libESMTP drops the connection on an errno other than 0, so
 // that nothing cut short is delivered.
 const char* FailComposition(CompositionState& state, int code, const char* text,
-                            const std::source_location& where = std::source_location::current())
+                            const SourcePlace& where = SourcePlace::Here())
 {
     state.failed = true;
     Trace(TraceLevel::Error, "%s", text);

@@ -58,7 +58,7 @@ void TraceTransport(const char* format, Arguments... arguments)
     }
 }
 
-bool Fail(int code, const std::source_location& where = std::source_location::current())
+bool Fail(int code, const SourcePlace& where = SourcePlace::Here())
 {
     static constexpr const char* kText = "Error during SMTP Session startup ...";
     Trace(TraceLevel::Error, "%s", kText);
@@ -174,7 +174,7 @@ CSMTPMailMessage* CSMTPMailSession::AddMessage(const CEString& subject, CMail& j
         RaiseError(0, "Invalid session object ( m_pSessionSMTPSession )!");
         return nullptr;
     }
-    smtp_message_t const message = smtp_add_message(m_session);
+    smtp_message* const message = smtp_add_message(m_session);
     if (message == nullptr) {
         RaiseError(kMessageError, "Failed to add message to SMTP session! Possibly ran out of memory!");
         return nullptr;

@@ -50,7 +50,7 @@ int GetErrorText(const CCallFrame& frame, int code, char* buffer, int size)
     if (size < 1 || text == nullptr || std::strlen(text) >= static_cast<std::size_t>(size)) {
         return 0;
     }
-    std::strcpy(buffer, text);
+    std::memcpy(buffer, text, std::strlen(text) + 1);
     buffer[size - 1] = '\0';
     return 1;
 }
