@@ -52,8 +52,8 @@ void CError::EndFailedCall()
 
 CThreadVar<CError>& ThreadErrorVar()
 {
-    static CThreadVar<CError> variable;
-    return variable;
+    static CNeverDestroyed<CThreadVar<CError>> variable;
+    return variable.Get();
 }
 
 void SetPendingError(int code)

@@ -52,13 +52,17 @@ const char* CMessageFeed::Next(smtp_messagecb_t compose, CMail* job, int& length
         errno = 0;
         const char* const chunk = compose(&context, &piece, job);
         if (chunk == nullptr && errno != 0) {
-            return GiveUp(errno);
+            m_failure = errno; // what was gathered still goes out, as unfinished as it is
+            break;
         }
         m_ended = chunk == nullptr || piece <= 0;
         if (!m_ended) {
             std::memcpy(m_buffer.get() + used, chunk, static_cast<std::size_t>(piece));
             used += piece;
         }
+    }
+    if (used == 0 && m_failure != 0) {
+        return GiveUp(m_failure);
     }
     m_handedOver = m_clock();
     length = used;

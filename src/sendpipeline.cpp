@@ -2,6 +2,7 @@
 
 #include <clocale>
 #include <cstring>
+#include <new>
 #include <vector>
 
 #include "src-baselib/cepaths.h"
@@ -64,6 +65,7 @@ private:
     bool CheckAddress(const CEString& mailbox, const char* beginning);
     bool RejectMissingService();
     int Deliver(CMail& mail);
+    void ReportResult(int result);
 
     CCallFrame& m_frame;
     CLiveMailProperties& m_live;
@@ -337,6 +339,16 @@ bool CSendPipeline::RejectMissingService()
 int CSendPipeline::Deliver(CMail& mail)
 {
     const int result = m_service->Send(mail) ? 1 : 0;
+    try {
+        ReportResult(result);
+    } catch (const std::bad_alloc&) {
+        // What became of the mail is known: it must not turn into a failure for want of a line.
+    }
+    return result; // a failed delivery's code stays pending: the next working call reports it
+}
+
+void CSendPipeline::ReportResult(int result)
+{
     const CEString runtime = CTraceFile::RuntimeText(m_start);
     const long last = m_frame.Error().GetLast();
     m_frame.Error().Info("SEND: finished with LastError=%ld Result %d Runtime: %s", last, result,
@@ -350,7 +362,6 @@ int CSendPipeline::Deliver(CMail& mail)
                     runtime.CStr());
         m_job.Error("Error: SEND failed");
     }
-    return result; // a failed delivery's code stays pending: the next working call reports it
 }
 
 } // namespace

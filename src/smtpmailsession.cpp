@@ -230,6 +230,10 @@ void CSMTPMailSession::OnEvent(smtp_session_t /*session*/, int event, void* argu
 
 bool CSMTPMailSession::Start()
 {
+    // Set anew, it gives back the server's canonical name of the send before, which libESMTP would lose.
+    if (!SetServer(m_host, m_port)) {
+        return false;
+    }
     const bool headersToo = IsTraceActive(); // without a trace no callback looks at the message
     smtp_set_monitorcb(m_session, &CDialogueMonitor::Callback, &m_monitor, headersToo ? 1 : 0);
     TraceTransport("using message submission server %s:%s \n", m_host.CStr(), m_port.CStr());

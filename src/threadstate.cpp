@@ -15,8 +15,8 @@ void* g_module = nullptr; // written by the attach alone, before any call
 
 CThreadVar<CMailGlobal>& ThreadMailVar()
 {
-    static CThreadVar<CMailGlobal> variable;
-    return variable;
+    static CNeverDestroyed<CThreadVar<CMailGlobal>> variable;
+    return variable.Get();
 }
 
 bool MakeErrorState()

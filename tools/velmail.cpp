@@ -93,6 +93,7 @@ private:
     template<typename Function>
     void Bind(HostLibrary library, const char* name, Function& function);
     [[nodiscard]] int EndService() const;
+    [[nodiscard]] bool Read(const std::string& name, void* buffer, std::size_t size) const;
     [[nodiscard]] std::string GetText(const std::string& name) const;
 
     std::string m_path;
@@ -196,6 +197,15 @@ void CMailLibrary::Set(const std::string& name, const std::string& value) const
                            : "unknown property '" + name + "'; --help lists the properties");
 }
 
+// A code that an earlier read left behind (MailAvailable does where there is no MAPI) keeps the next call
+// from doing its work: asked again, the library answers.
+bool CMailLibrary::Read(const std::string& name, void* buffer, std::size_t size) const
+{
+    const auto length = static_cast<unsigned int>(size);
+    return m_getProperty(name.c_str(), buffer, length) != 0 ||
+           (LastError() != 0 && m_getProperty(name.c_str(), buffer, length) != 0);
+}
+
 std::string CMailLibrary::Get(const std::string& name) const
 {
     const PropertyInfo* property = FindProperty(name);
@@ -203,7 +213,7 @@ std::string CMailLibrary::Get(const std::string& name) const
         return GetText(name);
     }
     std::int32_t flag = 0;
-    if (m_getProperty(name.c_str(), &flag, sizeof flag) == 0) {
+    if (!Read(name, &flag, sizeof flag)) {
         throw CLibraryFailure("property '" + name + "' cannot be read: " + FailureSentence(LastError()));
     }
     return std::to_string(flag);
@@ -214,16 +224,16 @@ std::string CMailLibrary::Get(const std::string& name) const
 std::string CMailLibrary::GetText(const std::string& name) const
 {
     std::vector<char> buffer(4096);
-    if (m_getProperty(name.c_str(), buffer.data(), static_cast<unsigned int>(buffer.size())) != 0) {
+    if (Read(name, buffer.data(), buffer.size())) {
         return buffer.data();
     }
     int code = LastError();
     if (code == 0) {
         throw CHostFailure("unknown property '" + name + "'; --help lists the properties");
     }
-    if (code == kBufferTooSmall && m_getProperty(name.c_str(), buffer.data(), 0) != 0) {
+    if (code == kBufferTooSmall && Read(name, buffer.data(), 0)) {
         buffer.assign(std::strtoul(buffer.data(), nullptr, 10), '\0');
-        if (m_getProperty(name.c_str(), buffer.data(), static_cast<unsigned int>(buffer.size())) != 0) {
+        if (Read(name, buffer.data(), buffer.size())) {
             return buffer.data();
         }
         code = LastError();

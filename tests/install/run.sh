@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the built library into a folder of its own and builds a small host against it, once through its CMake
+# package and once through pkg-config.
+set -euo pipefail
+build=$1
+source=$(dirname "$(readlink -f "$0")")
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cmake --install "$build" --prefix "$work/tree" >/dev/null
+
+mkdir "$work/host"
+cat >"$work/host/CMakeLists.txt" <<'END'
+cmake_minimum_required(VERSION 3.25)
+project(Host LANGUAGES C)
+find_package(VelMail 1.3 REQUIRED)
+add_executable(host host.c)
+target_compile_options(host PRIVATE -std=c99 -Wall -Wextra -Wpedantic -Werror)
+target_link_libraries(host PRIVATE VelMail::VelMail64)
+END
+cp "$source/host.c" "$work/host"
+cmake -S "$work/host" -B "$work/host/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
+cmake --build "$work/host/build" >/dev/null
+"$work/host/build/host"
+
+pkgconfig=$(dirname "$(find "$work/tree" -name velmail.pc)")
+read -ra flags <<<"$(PKG_CONFIG_PATH=$pkgconfig pkg-config --define-variable=prefix="$work/tree" --cflags --libs velmail)"
+cc -std=c99 "$source/host.c" "${flags[@]}" -o "$work/host/host"
+LD_LIBRARY_PATH=$(dirname "$pkgconfig") "$work/host/host"
+
+"$work/tree/bin/velmail" --version
+echo "The installed tree serves both kinds of hosts."

@@ -1,0 +1,81 @@
+#include "host.h"
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "velmail.h"
+
+void Set(const Settings& settings)
+{
+    for (const auto& [name, value] : settings) {
+        ASSERT_EQ(VelMailSetProperty(name.c_str(), value.c_str()), 1) << name;
+    }
+}
+
+std::string Get(const char* name)
+{
+    std::array<char, 4096> buffer = {};
+    EXPECT_EQ(VelMailGetProperty(name, buffer.data(), buffer.size()), 1) << name;
+    return buffer.data();
+}
+
+int LastError()
+{
+    int code = 0;
+    EXPECT_EQ(VelMailGetLastError(&code), 1);
+    return code;
+}
+
+int SendAndDisconnect()
+{
+    const bool sent = VelMailSend() == 1;
+    int code = LastError();
+    if (VelMailDisconnect() == 0) { // a delivery's code surfaces here
+        code = code != 0 ? code : LastError();
+        VelMailDisconnect();
+    }
+    EXPECT_EQ(sent, code == 0);
+    return code;
+}
+
+std::string Block(std::string_view content)
+{
+    return std::to_string(reinterpret_cast<std::uintptr_t>(content.data())) + ";" +
+           std::to_string(content.size());
+}
+
+Settings SmallMail(const std::string& port)
+{
+    return {{"MailServer", "127.0.0.1"},
+            {"MailServerPort", port},
+            {"MailSenderMailBox", "ada@host.example"},
+            {"MailRecipientsMailBox", "bob@host.example"},
+            {"MailSubject", "Hello"},
+            {"MailTextMemoryAddress", Block("Hello Bob\n")}};
+}
+
+std::string RunTraced(const std::function<void()>& body, const std::string& level)
+{
+    const CTempFolder folder;
+    setenv("VEL_MAILTRACE", (folder.Path("host.log") + ";" + level).c_str(), 1);
+    std::thread(body).join();
+    unsetenv("VEL_MAILTRACE");
+    std::string trace;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+        trace += ReadFile(entry.path().string());
+    }
+    return trace;
+}
+
+std::size_t CountOf(std::string_view whole, std::string_view text)
+{
+    std::size_t count = 0;
+    for (std::size_t at = whole.find(text); at != std::string_view::npos; at = whole.find(text, at + 1)) {
+        ++count;
+    }
+    return count;
+}
