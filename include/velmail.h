@@ -7,21 +7,21 @@
  *    VelMailGetLastError gives the numbered reason and VelMailGetErrorText its sentence.
  * 2. Call order, per thread: any number of VelMailSetProperty, then VelMailConnect, one or more VelMailSend,
  *    then VelMailDisconnect. The query functions may be called at any time.
- * 3. Threads. All state (properties, connection, errors, trace) belongs to the calling thread. Several threads
- *    may use the library at once without locking; a thread never sees another thread's settings. A thread's
- *    state is made by its first call and destroyed when the thread ends.
+ * 3. Threads. All state (properties, connection, errors, trace) belongs to the calling thread. Several
+ *    threads may use the library at once without locking; a thread never sees another thread's settings.
+ *    A thread's state is made by its first call and destroyed when the thread ends.
  * 4. Errors. Each working call (set, get, connect, send, disconnect) forgets the error of the call before it.
  *    One failure reports late: when VelMailSend returns 0 because the *delivery* failed, or when a call
- *    returned 1 although something went wrong beside it, the code surfaces at the next working call. That call
- *    does nothing else, returns 0, and VelMailGetLastError then gives the code. A host calls VelMailDisconnect
- *    after a failed send, reads the code, and calls VelMailDisconnect again.
+ *    returned 1 although something went wrong beside it, the code surfaces at the next working call. That
+ *    call does nothing else, returns 0, and VelMailGetLastError then gives the code. After a failed send
+ *    without a code the host calls VelMailDisconnect, reads the code, and disconnects again or connects anew.
  * 5. Strings are zero-terminated single-byte texts; no encoding is assumed. They are copied: nothing the host
  *    passes is kept beyond the call, except memory blocks, which are read during VelMailSend. Error texts are
  *    Windows-1252.
  * 6. Buffers belong to the host. Sizes are bytes and include the terminator.
  * 7. No C++ exception leaves a function, and SIGPIPE never reaches the host.
- * 8. Tracing. The environment variable VEL_MAILTRACE names the trace file ("mail.trc" or "mail.trc;DEBUG"). It
- *    is read once per thread, at the thread's first call.
+ * 8. Tracing. The environment variable VEL_MAILTRACE names the trace file ("mail.trc", "mail.trc;DEBUG").
+ *    It is read once per thread, at the thread's first call.
  */
 #ifndef VELMAIL_H
 #define VELMAIL_H
@@ -47,10 +47,10 @@ extern "C" {
 /*
  * Sets the property `name` (see the table below) of the calling thread to the text `value`, which is copied.
  * A null `value` empties a text property and sets a boolean one to 0. A null or empty `name` resets every
- * property to its default and returns 1; `value` is then ignored.
+ * property to its default; `value` is then ignored.
  * Fails with 0 for an unknown name (no error code) and for a property that cannot be written.
  */
-VELMAIL_API int VelMailSetProperty(const char *name, const char *value);
+VELMAIL_API int VelMailSetProperty(const char* name, const char* value);
 
 /*
  * Reads the property `name` into `buffer` of `size` bytes.
@@ -60,37 +60,37 @@ VELMAIL_API int VelMailSetProperty(const char *name, const char *value);
  * Fails with error 47 when the buffer is too small, 29 when it is null, and with 0 and no code for an unknown
  * or null name. A failed read writes nothing.
  */
-VELMAIL_API int VelMailGetProperty(const char *name, void *buffer, unsigned int size);
+VELMAIL_API int VelMailGetProperty(const char* name, void* buffer, unsigned int size);
 
 /*
  * Writes the error code of the thread's last working call into `*code`. When there was no error, `*code` is
  * left as it is: preset it to 0. Fails with 0 for a null pointer or when the trace file is unusable.
  */
-VELMAIL_API int VelMailGetLastError(int *code);
+VELMAIL_API int VelMailGetLastError(int* code);
 
 /*
  * The sentence for the last error (for code 0 the one for success). As VelMailGetErrorText.
  */
-VELMAIL_API int VelMailGetLastErrorText(char *buffer, unsigned int size);
+VELMAIL_API int VelMailGetLastErrorText(char* buffer, unsigned int size);
 
 /*
- * Writes the German (where that is the user's language) or English sentence for `code` into `buffer` of `size`
- * bytes. A text that does not fit is not cut: the result is 0 and the buffer holds an empty text. 128 bytes
- * hold every text. Fails with 0 for an unknown code and for a null buffer. With a size below 1 the result is
- * 0 and the first byte of the buffer is still set to 0.
+ * Writes the German (where that is the user's language) or English sentence for `code` into `buffer` of
+ * `size` bytes. A text that does not fit is not cut: the result is 0 and the buffer holds an empty text. 128
+ * bytes hold every text. Fails with 0 for an unknown code and for a null buffer. With a size below 1 the
+ * result is 0 and the first byte of the buffer is still set to 0.
  */
-VELMAIL_API int VelMailGetErrorText(int code, char *buffer, int size);
+VELMAIL_API int VelMailGetErrorText(int code, char* buffer, int size);
 
 /*
  * Writes the version number 0x01030002 into `*version`. Fails with 0 for a null pointer.
  */
-VELMAIL_API int VelMailGetVersion(unsigned int *version);
+VELMAIL_API int VelMailGetVersion(unsigned int* version);
 
 /*
  * Writes the version text "VEL mail 1.3.2.0/mt" into `buffer` of `size` bytes, cut to fit and always
  * terminated; the rest of the buffer is filled with zeros. Fails with 0 for a null buffer or size 0.
  */
-VELMAIL_API int VelMailGetVersionText(char *buffer, size_t size);
+VELMAIL_API int VelMailGetVersionText(char* buffer, size_t size);
 
 /*
  * Makes the delivery service from the thread's properties, replacing the one it had. For SMTP the server is
@@ -115,9 +115,9 @@ VELMAIL_API int VelMailSend(void);
 VELMAIL_API int VelMailDisconnect(void);
 
 /*
- * The properties. Names are case-sensitive. "list" is a text whose parts are separated by ";", without blanks.
- * Memory blocks are a ";"-separated list of decimal numbers that alternate between an address in the process
- * and a length in bytes ("140213456789;2048").
+ * The properties. Names are case-sensitive. "list" is a text whose parts are separated by ";", without
+ * blanks. Memory blocks are a ";"-separated list of decimal numbers that alternate between an address in the
+ * process and a length in bytes ("140213456789;2048").
  *
  * name                          type   default  meaning
  * ----------------------------- ------ -------- -------------------------------------------------------------
@@ -135,8 +135,8 @@ VELMAIL_API int VelMailDisconnect(void);
  * MailSubject                   text            subject; required
  * MailTextFilename              text            file that holds the mail text
  * MailTextMemoryAddress         text            mail text in memory blocks; wins over MailTextFilename
- * MailTextContentType           text            content type of the mail text; from the file's name when empty
- * MailAttachmentFilename        list            files to attach; names of the attachments given in memory
+ * MailTextContentType           text            content type of the text; from its file's name when empty
+ * MailAttachmentFilename        list            files to attach; names of attachments in memory
  * MailAttachmentMemoryAddress   text            attachments in memory, one block for each name
  * MailAttachmentMimeType        list            MIME types by position; "text/plain" where none is given
  * MailAdditionalSMTPHeader      text            kept with the mail; not sent over SMTP

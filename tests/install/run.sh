@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the built library into a folder of its own and builds a small host against it, once through its CMake
-# package and once through pkg-config.
+# package and once through pkg-config; the second one is the README's.
 set -euo pipefail
-build=$1
+build=$(readlink -f "$1")
 source=$(dirname "$(readlink -f "$0")")
 
 work=$(mktemp -d)
@@ -25,8 +25,12 @@ cmake --build "$work/host/build" >/dev/null
 
 pkgconfig=$(dirname "$(find "$work/tree" -name velmail.pc)")
 read -ra flags <<<"$(PKG_CONFIG_PATH=$pkgconfig pkg-config --define-variable=prefix="$work/tree" --cflags --libs velmail)"
-cc -std=c99 "$source/host.c" "${flags[@]}" -o "$work/host/host"
-LD_LIBRARY_PATH=$(dirname "$pkgconfig") "$work/host/host"
+example=$source/../../examples/host.c
+diff <(awk '/^```c$/{f=1;next} /^```$/{f=0} f' "$source/../../README.md") "$example"
+cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$example" "${flags[@]}" -o "$work/host/host"
+cd "$work"
+said=$(LD_LIBRARY_PATH=$(dirname "$pkgconfig") LC_ALL=C "$work/host/host" 2>&1) && exit 1
+[ "$said" = "send: error 695: Error with Mail Text" ]
 
 "$work/tree/bin/velmail" --version
 echo "The installed tree serves both kinds of hosts."
