@@ -6,8 +6,7 @@
 #include <exception>
 
 #include "src-baselib/report.h"
-#include "src/messagefeed.h"
-#include "src/smtptrace.h"
+#include "src/smtpmailsession.h"
 
 namespace {
 
@@ -114,8 +113,8 @@ void SettleRecipient(smtp_recipient_t recipient, const char* mailbox, void* argu
 } // namespace
 
 CSMTPMailMessage::CSMTPMailMessage(smtp_message_t message, CMail& job, smtp_messagecb_t callback,
-                                   CMessageFeed& feed)
-    : m_message(message), m_job(&job), m_callback(callback), m_feed(feed)
+                                   CSMTPMailSession& session)
+    : m_message(message), m_job(&job), m_callback(callback), m_session(session)
 {
     if (smtp_set_messagecb(m_message, &CSMTPMailMessage::Feed, this) == 0) {
         if (const TransportTrace trace = GetTransportTrace()) {
@@ -138,10 +137,10 @@ const char* CSMTPMailMessage::Feed(void** context, int* length, void* argument)
     }
     try {
         if (length == nullptr) {
-            self.m_feed.Rewind(self.m_callback, self.m_job);
+            self.m_session.RewindMessage(self.m_callback, *self.m_job);
             return nullptr;
         }
-        return self.m_feed.Next(self.m_callback, self.m_job, *length);
+        return self.m_session.NextChunk(self.m_callback, *self.m_job, *length);
     } catch (const std::exception&) {
         try {
             RaiseError(kNotEnoughMemory, "Not enough memory.");

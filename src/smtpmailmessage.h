@@ -8,7 +8,7 @@
 #include "src/libesmtp.h"
 
 class CMail;
-class CMessageFeed;
+class CSMTPMailSession;
 
 enum class RecipientType : std::int32_t
 {
@@ -28,7 +28,8 @@ enum class Delivery : std::int32_t
 class CSMTPMailMessage
 {
 public:
-    CSMTPMailMessage(smtp_message_t message, CMail& job, smtp_messagecb_t callback, CMessageFeed& feed);
+    CSMTPMailMessage(smtp_message_t message, CMail& job, smtp_messagecb_t callback,
+                     CSMTPMailSession& session);
     CSMTPMailMessage(const CSMTPMailMessage&) = delete;
     CSMTPMailMessage& operator=(const CSMTPMailMessage&) = delete;
     virtual ~CSMTPMailMessage() = default;
@@ -53,5 +54,5 @@ private:
     smtp_recipient_t m_lastRecipient = nullptr;
     CMail* m_job; // not owned; null when its send has ended
     smtp_messagecb_t m_callback;
-    CMessageFeed& m_feed;
+    CSMTPMailSession& m_session;
 };

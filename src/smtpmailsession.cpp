@@ -180,7 +180,7 @@ CSMTPMailMessage* CSMTPMailSession::AddMessage(const CEString& subject, CMail& j
         return nullptr;
     }
     CSMTPMailMessage* const added =
-        m_messages.Add(std::make_unique<CSMTPMailMessage>(message, job, ComposeMessageChunk, m_feed));
+        m_messages.Add(std::make_unique<CSMTPMailMessage>(message, job, ComposeMessageChunk, *this));
     const struct
     {
         const char* name;
@@ -223,9 +223,31 @@ void CSMTPMailSession::EndSend()
 
 void CSMTPMailSession::OnEvent(smtp_session_t /*session*/, int event, void* argument, ...)
 {
+    auto& self = *static_cast<CSMTPMailSession*>(argument);
     if (event == SMTP_EV_CONNECT) {
-        static_cast<CSMTPMailSession*>(argument)->m_monitor.Reset();
+        self.m_monitor.Reset();
+        self.m_socket.Adopt();
+    } else if (event == SMTP_EV_DISCONNECT) {
+        self.m_socket.Release();
     }
+}
+
+void CSMTPMailSession::RewindMessage(smtp_messagecb_t compose, CMail& job)
+{
+    // A stream of small writes is best gathered. Chunks are each answered: the end of each has to go out.
+    m_socket.SendAtOnce(!m_monitor.IsInData());
+    m_feed.Rewind(compose, &job);
+}
+
+const char* CSMTPMailSession::NextChunk(smtp_messagecb_t compose, CMail& job, int& length)
+{
+    const char* const chunk = m_feed.Next(compose, &job, length);
+    if (chunk == nullptr) {
+        const int saved = errno;   // speaks to the transport
+        m_socket.SendAtOnce(true); // what is left in the transport's buffer must not wait for an answer
+        errno = saved;
+    }
+    return chunk;
 }
 
 bool CSMTPMailSession::Start()
@@ -239,6 +261,7 @@ bool CSMTPMailSession::Start()
     TraceTransport("using message submission server %s:%s \n", m_host.CStr(), m_port.CStr());
 
     const platform::CBrokenPipeGuard guard;
+    m_socket.Expect(m_port);
     MarkErrorNumber();
     const bool started = smtp_start_session(m_session) != 0;
     return Settle(started, SessionErrorNumber());

@@ -11,6 +11,7 @@
 #include "src/messagefeed.h"
 #include "src/smtpmailmessage.h"
 #include "src/smtptrace.h"
+#include "src/transportsocket.h"
 
 class CSMTPMailSession
 {
@@ -37,6 +38,11 @@ public:
     void EndSend();
     void Destroy();
 
+    // For the message that the transport pulls: begins it anew, and gives its next chunk as CMessageFeed
+    // does.
+    void RewindMessage(smtp_messagecb_t compose, CMail& job);
+    const char* NextChunk(smtp_messagecb_t compose, CMail& job, int& length);
+
     [[nodiscard]] const CEString& GetHost() const { return m_host; }
     [[nodiscard]] const CEString& GetPort() const { return m_port; }
     // The callback for a message that is one whole text.
@@ -55,6 +61,7 @@ private:
     CEString m_port = "25";
     smtp_messagecb_t m_messageCallback;
     CDialogueMonitor m_monitor;
+    CTransportSocket m_socket;
     std::int32_t m_firstOfSend = 0; // index of the send's first message
     bool m_mustRenew = false;
 };

@@ -12,6 +12,7 @@
 
 #include "src-baselib/platform.h"
 #include "src-baselib/report.h"
+#include "src/libesmtp.h"
 
 namespace {
 
@@ -190,7 +191,7 @@ void CDialogueMonitor::Callback(const char* data, int length, int writing, void*
     const int savedErrno = errno; // the transport takes what is left there for its own
     try {
         const TransportTrace trace = IsTraceActive() ? GetTransportTrace() : nullptr;
-        if (trace != nullptr && writing != 0) {
+        if (trace != nullptr && writing != SMTP_CB_READING) {
             trace("sent %d of %d bytes to server: \n%*.*s\n", length, length, length, length, data);
         } else if (trace != nullptr) {
             trace("received %d bytes from server: \n%*.*s\n", length, length, length, data);
@@ -198,10 +199,12 @@ void CDialogueMonitor::Callback(const char* data, int length, int writing, void*
     } catch (const std::exception&) {
         // No memory for this entry: it is lost, the dialogue goes on.
     }
-    if (writing == 0) {
+    auto& monitor = *static_cast<CDialogueMonitor*>(argument);
+    if (writing == SMTP_CB_WRITING) {
+        monitor.m_inData = std::string_view(data, static_cast<std::size_t>(length)).starts_with("DATA");
+    } else if (writing == SMTP_CB_READING) {
         // The bytes are the transport's own receive buffer, which it parses after this call.
-        static_cast<CDialogueMonitor*>(argument)->m_filter.Filter(const_cast<char*>(data),
-                                                                  static_cast<std::size_t>(length));
+        monitor.m_filter.Filter(const_cast<char*>(data), static_cast<std::size_t>(length));
     }
     errno = savedErrno;
 }

@@ -56,9 +56,13 @@ class CDialogueMonitor
 public:
     // A connection begins.
     void Reset() { m_filter.Reset(); }
+    // Whether the last command sent was DATA: the message follows as one stream, not in chunks that are each
+    // answered.
+    [[nodiscard]] bool IsInData() const { return m_inData; }
     // The transport's monitor callback; `argument` is the monitor. Leaves errno as it was.
     static void Callback(const char* data, int length, int writing, void* argument);
 
 private:
     CPipeliningFilter m_filter;
+    bool m_inData = false;
 };

@@ -1,0 +1,210 @@
+#include "src/transportsocket.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+// Descriptors are handed out lowest first, so the new socket lies close behind the lowest free one.
+constexpr int kRange = 64;
+using OpenFiles = std::array<bool, kRange>;
+
+struct Peer
+{
+    sockaddr_storage address = {};
+    socklen_t length = sizeof address;
+
+    [[nodiscard]] bool operator==(const Peer& other) const
+    {
+        return length == other.length && std::memcmp(&address, &other.address, length) == 0;
+    }
+};
+
+bool GetPeer(int descriptor, Peer& peer)
+{
+    return getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer.address), &peer.length) == 0;
+}
+
+in_port_t PortOf(const sockaddr_storage& address)
+{
+    if (address.ss_family == AF_INET) {
+        return reinterpret_cast<const sockaddr_in&>(address).sin_port;
+    }
+    return address.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
+                                         : in_port_t{0};
+}
+
+// In network order; 0 for an unknown service. Asks no name server.
+in_port_t PortNumber(const char* port)
+{
+    addrinfo hints = {};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(nullptr, port, &hints, &found) != 0) {
+        return 0;
+    }
+    const in_port_t number = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_port;
+    freeaddrinfo(found);
+    return number;
+}
+
+int LowestFree()
+{
+    const int probe = eventfd(0, EFD_CLOEXEC);
+    if (probe >= 0) {
+        close(probe);
+    }
+    return probe;
+}
+
+// One call whatever the host has open.
+bool ListOpen(int first, OpenFiles& open)
+{
+    std::array<pollfd, kRange> list = {};
+    for (int i = 0; i < kRange; ++i) {
+        list.at(static_cast<std::size_t>(i)).fd = first + i;
+    }
+    if (poll(list.data(), list.size(), 0) < 0) {
+        return false;
+    }
+    std::transform(list.begin(), list.end(), open.begin(),
+                   [](const pollfd& entry) { return (entry.revents & POLLNVAL) == 0; });
+    return true;
+}
+
+int GetOption(int descriptor, int level, int option)
+{
+    int value = -1;
+    socklen_t length = sizeof value;
+    return getsockopt(descriptor, level, option, &value, &length) == 0 ? value : -1;
+}
+
+// A connection as the transport makes it: to that port, not blocking, its small writes gathered.
+bool LooksLikeTransport(int descriptor, in_port_t port, Peer& peer)
+{
+    const int flags = fcntl(descriptor, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK) != 0 &&
+           GetOption(descriptor, SOL_SOCKET, SO_TYPE) == SOCK_STREAM && GetPeer(descriptor, peer) &&
+           PortOf(peer.address) == port && GetOption(descriptor, IPPROTO_TCP, TCP_NODELAY) == 0;
+}
+
+} // namespace
+
+struct CTransportSocket::Search
+{
+    // What the sessions of all threads have adopted, so that none takes another one's.
+    static std::mutex s_mutex;
+    static Search* s_adopted;
+
+    static bool IsAdopted(int descriptor)
+    {
+        const Search* search = s_adopted;
+        while (search != nullptr && search->descriptor != descriptor) {
+            search = search->next;
+        }
+        return search != nullptr;
+    }
+
+    in_port_t port = 0; // in network order; 0: nothing is expected
+    int first = 0;      // of the range of descriptors
+    OpenFiles before = {};
+    int descriptor = -1; // adopted; owned by the transport
+    Peer peer;
+    bool atOnce = false;
+    Search* next = nullptr;
+};
+
+std::mutex CTransportSocket::Search::s_mutex;
+CTransportSocket::Search* CTransportSocket::Search::s_adopted = nullptr;
+
+CTransportSocket::CTransportSocket() : m_search(std::make_unique<Search>()) {}
+
+CTransportSocket::~CTransportSocket()
+{
+    Release();
+}
+
+void CTransportSocket::Expect(const CEString& port) noexcept
+{
+    Release();
+    Search& search = *m_search;
+    search.first = LowestFree();
+    const bool known = search.first >= 0 && ListOpen(search.first, search.before);
+    search.port = known ? PortNumber(port.CStr()) : in_port_t{0};
+}
+
+void CTransportSocket::Adopt() noexcept
+{
+    Search& search = *m_search;
+    OpenFiles now = {};
+    if (search.port == 0 || search.descriptor >= 0 || !ListOpen(search.first, now)) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(Search::s_mutex);
+    int found = -1;
+    Peer peer;
+    for (std::size_t i = 0; i < now.size(); ++i) {
+        const int descriptor = search.first + static_cast<int>(i);
+        Peer candidate;
+        if (search.before.at(i) || !now.at(i) || Search::IsAdopted(descriptor) ||
+            !LooksLikeTransport(descriptor, search.port, candidate)) {
+            continue;
+        }
+        if (found >= 0 && !(candidate == peer)) {
+            return; // somebody else's connection to that port of another server: which is which?
+        }
+        if (found < 0) {
+            found = descriptor;
+            peer = candidate;
+        }
+    }
+    if (found >= 0) {
+        search.descriptor = found;
+        search.peer = peer;
+        search.atOnce = false;
+        search.next = std::exchange(Search::s_adopted, &search);
+    }
+}
+
+void CTransportSocket::Release() noexcept
+{
+    Search& search = *m_search;
+    if (search.descriptor < 0) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(Search::s_mutex);
+    Search** link = &Search::s_adopted;
+    while (*link != &search) {
+        link = &(*link)->next;
+    }
+    *link = search.next;
+    search.descriptor = -1;
+}
+
+void CTransportSocket::SendAtOnce(bool atOnce) noexcept
+{
+    Search& search = *m_search;
+    Peer peer;
+    if (search.descriptor < 0 || search.atOnce == atOnce || !GetPeer(search.descriptor, peer) ||
+        !(peer == search.peer)) {
+        return;
+    }
+    const int value = atOnce ? 1 : 0;
+    // A refusal costs time and nothing else: the mail goes out either way.
+    if (setsockopt(search.descriptor, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0) {
+        search.atOnce = atOnce;
+    }
+}
