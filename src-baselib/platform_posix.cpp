@@ -50,12 +50,9 @@ int PrepareOpened(int descriptor, bool exclusive, bool empty)
     if (S_ISDIR(status.st_mode)) {
         return EISDIR;
     }
-    const int flags = fcntl(descriptor, F_GETFL);
-    if (flags < 0 || fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK) != 0) {
-        return errno;
-    }
     if (!S_ISREG(status.st_mode)) {
-        return 0;
+        const int flags = fcntl(descriptor, F_GETFL);
+        return flags < 0 || fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK) != 0 ? errno : 0;
     }
     if (exclusive && !LockForWriting(descriptor)) {
         return EWOULDBLOCK;
@@ -408,14 +405,12 @@ bool BrokenPipeIsPending()
 
 CBrokenPipeGuard::CBrokenPipeGuard()
 {
-    // A signal that was pending before belongs to the host and is left to it.
-    if (BrokenPipeIsPending()) {
-        return;
-    }
     const sigset_t set = BrokenPipe();
     sigset_t old;
     m_blocked = pthread_sigmask(SIG_BLOCK, &set, &old) == 0;
     m_wasBlocked = m_blocked && sigismember(&old, SIGPIPE) == 1;
+    // A signal that was pending before belongs to the host and is left to it.
+    m_blocked = m_blocked && !(m_wasBlocked && BrokenPipeIsPending());
 }
 
 CBrokenPipeGuard::~CBrokenPipeGuard()

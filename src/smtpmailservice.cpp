@@ -248,28 +248,25 @@ const char* ComposeAttachment(CompositionState& state, int& length)
     if (state.attachmentStream == nullptr) {
         return FailComposition(state, kAttachmentError, kCannotRead);
     }
-    char line[CBase64FilterIo::kLineCapacity + 3];
+    // The line is written where it is given out from; only the first one still needs its header in front.
     std::int32_t count = CBase64FilterIo::kLineCapacity;
-    CBase64FilterIo(state.attachmentStream).Read(line, count);
-    const std::string_view encoded(line, static_cast<std::size_t>(count));
-
-    if (encoded.empty()) {
-        if (!attachment.IsDelivered()) {
-            return FailComposition(state, kAttachmentError, kCannotRead);
-        }
-        ++state.attachmentIndex;
-        state.attachmentHeaderSent = false;
-        state.attachmentStream = nullptr;
-        return GiveOutText(state, length, "\r\n"); // for an attachment without a byte this is all
-    }
-    if (state.attachmentHeaderSent) {
-        std::memcpy(state.buffer, line, encoded.size());
+    CBase64FilterIo(state.attachmentStream).Read(state.buffer, count);
+    if (count > 0 && state.attachmentHeaderSent) {
         return GiveOut(state, length, count);
     }
-    state.attachmentHeaderSent = true;
-    CEString chunk = PartHeader(state, attachment);
-    chunk.Append(encoded);
-    return GiveOutText(state, length, chunk.View());
+    if (count > 0) {
+        state.attachmentHeaderSent = true;
+        CEString chunk = PartHeader(state, attachment);
+        chunk.Append(std::string_view(state.buffer, static_cast<std::size_t>(count)));
+        return GiveOutText(state, length, chunk.View());
+    }
+    if (!attachment.IsDelivered()) {
+        return FailComposition(state, kAttachmentError, kCannotRead);
+    }
+    ++state.attachmentIndex;
+    state.attachmentHeaderSent = false;
+    state.attachmentStream = nullptr;
+    return GiveOutText(state, length, "\r\n"); // for an attachment without a byte this is all
 }
 
 const char* ComposeEnd(CompositionState& state, int& length)

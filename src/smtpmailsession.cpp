@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 #include <random>
 
@@ -20,6 +21,9 @@ constexpr int kMessageError = 698;
 constexpr int kFirstNumber = 2; // of the error numbers that have a code of their own
 constexpr int kLastNumber = 20;
 constexpr int kFirstBrokenNumber = 4;
+// Delivered messages stay in the libESMTP session, which walks through all of them at each send. A host that
+// connects once and sends for days must not grow by them.
+constexpr std::int32_t kMostMessages = 100;
 constexpr const char* kNoSession = "Failed to create an SMTP session! Possibly ran out of memory!";
 
 // Nothing clears libESMTP's error number. A refused argument sets it to this one, which no dialogue sets:
@@ -37,16 +41,25 @@ int SessionErrorNumber()
     return number == kMarkedNumber ? 0 : number;
 }
 
+// Drawn once, since drawing costs more than all else of a small mail on some machines.
+std::uint64_t Draw()
+{
+    std::random_device random;
+    return static_cast<std::uint64_t>(random()) << 32U | random();
+}
+
 // libESMTP's own Message-Ids, made of the time and the process, are equal for threads that send at once, and
-// a receiver takes the second of two equal ones for a copy. 128 random bits tell threads, processes and hosts
-// apart.
+// a receiver takes the second of two equal ones for a copy. The number drawn tells hosts apart, the process
+// id what was forked after it was drawn, the counter the mails of all threads, and the time one life of a
+// machine from the next that draws the same.
 CEString MakeMessageId()
 {
+    static const std::uint64_t drawn = Draw();
     static std::atomic<std::uint32_t> counter = 0;
-    std::random_device random;
+    const platform::ClockTime now = platform::GetClockTime();
     CEString id;
-    id.Format("velmail.%08x%08x%08x%08x.%u@%s", random(), random(), random(), random(), ++counter,
-              platform::HostName().CStr());
+    id.Format("velmail.%016" PRIx64 ".%08x%08x.%u@%s", drawn ^ platform::CurrentProcessId(), now.seconds,
+              now.nanoseconds, ++counter, platform::HostName().CStr());
     return id;
 }
 
@@ -196,15 +209,17 @@ CSMTPMailMessage* CSMTPMailSession::AddMessage(const CEString& subject, CMail& j
 
 bool CSMTPMailSession::Renew()
 {
-    Trace(TraceLevel::Warning,
-          "Warning: The send before was not delivered whole. The SMTP session is made anew.");
     Destroy();
     return Create();
 }
 
 bool CSMTPMailSession::BeginSend()
 {
-    if (m_mustRenew && !Renew()) {
+    if (m_mustRenew) {
+        Trace(TraceLevel::Warning,
+              "Warning: The send before was not delivered whole. The SMTP session is made anew.");
+    }
+    if ((m_mustRenew || m_messages.GetCount() >= kMostMessages) && !Renew()) {
         return false;
     }
     m_firstOfSend = m_messages.GetCount();

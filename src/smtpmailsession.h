@@ -29,7 +29,7 @@ public:
     // or code 0 when there is no libESMTP session.
     CSMTPMailMessage* AddMessage(const CEString& subject, CMail& job);
     // Begins a send: after one that was not delivered whole the libESMTP session is made anew, since it would
-    // send the old messages again. False when that is not possible.
+    // send the old messages again, and so it is after many that were. False when that is not possible.
     bool BeginSend();
     // Runs the dialogue for the messages added since BeginSend. True when every recipient was sent the mail
     // or refused by the server; otherwise the error of the failed dialogue is raised.

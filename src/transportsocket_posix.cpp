@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <netdb.h>
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <string_view>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,7 +21,7 @@
 namespace {
 
 // Descriptors are handed out lowest first, so the new socket lies close behind the lowest free one.
-constexpr int kRange = 64;
+constexpr int kRange = 32;
 using OpenFiles = std::array<bool, kRange>;
 
 struct Peer
@@ -45,15 +49,20 @@ in_port_t PortOf(const sockaddr_storage& address)
                                          : in_port_t{0};
 }
 
-// In network order; 0 for an unknown service. Asks no name server.
-in_port_t PortNumber(const char* port)
+// In network order; 0 for an unknown service. Asks no name server. `port` is zero-terminated.
+in_port_t PortNumber(std::string_view port)
 {
+    std::uint16_t plain = 0;
+    const auto [stop, error] = std::from_chars(port.data(), port.data() + port.size(), plain);
+    if (error == std::errc() && stop == port.data() + port.size()) {
+        return htons(plain);
+    }
     addrinfo hints = {};
     hints.ai_flags = AI_PASSIVE;
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    if (getaddrinfo(nullptr, port, &hints, &found) != 0) {
+    if (getaddrinfo(nullptr, port.data(), &hints, &found) != 0) {
         return 0;
     }
     const in_port_t number = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_port;
@@ -143,7 +152,7 @@ void CTransportSocket::Expect(const CEString& port) noexcept
     Search& search = *m_search;
     search.first = LowestFree();
     const bool known = search.first >= 0 && ListOpen(search.first, search.before);
-    search.port = known ? PortNumber(port.CStr()) : in_port_t{0};
+    search.port = known ? PortNumber(port.View()) : in_port_t{0};
 }
 
 void CTransportSocket::Adopt() noexcept
