@@ -1,0 +1,52 @@
+#include "src/iofilter.h"
+
+#include "src-baselib/iomem.h"
+#include "tests/unit/helpers.h"
+
+struct CutMemory : IOMemory // ends a read at the cut, whatever is asked for
+{
+    std::int64_t cut = 0;
+    bool Read(void* buffer, std::int32_t& length) override
+    {
+        length = Tell() < cut ? std::min(length, static_cast<std::int32_t>(cut - Tell())) : length;
+        return IOMemory::Read(buffer, length);
+    }
+};
+
+static std::string Through(IOFilter& filter, const std::string& text, std::size_t cut, std::int32_t capacity)
+{
+    CutMemory source;
+    source.cut = static_cast<std::int64_t>(cut);
+    EXPECT_TRUE(source.Write(text.data(), static_cast<std::int32_t>(text.size())) && source.SeekBegin(0));
+    filter.SetInner(&source);
+    std::string all;
+    for (std::int32_t length = capacity; length > 0;) {
+        std::string buffer(static_cast<std::size_t>(capacity) + 4, '#');
+        EXPECT_TRUE(filter.Read(buffer.data(), length = capacity) && buffer.back() == '#');
+        all += buffer.substr(0, static_cast<std::size_t>(length));
+    }
+    filter.SetInner(nullptr);
+    return filter.Read(nullptr, capacity) || capacity != 0 ? "read without a source" : all;
+}
+
+TEST(Filters, ChangeTextWhereverItIsCut)
+{
+    CrLfFilterIo crLf;
+    CBase64FilterIo base64;
+    const std::string text = "\na\nb\r\nc\rd\n\n\r\r\n\n\r\n" + std::string(600, '\n') + "\xFF\r";
+    const std::string wanted = std::regex_replace(text, std::regex("\r?\n"), "\r\n");
+    for (std::size_t cut = 0; cut <= 130; ++cut) {
+        for (const std::int32_t capacity : {4, 7, 75, 76, 4000}) {
+            crLf.Restart(nullptr); // forgets the last byte of the pass before
+            EXPECT_EQ(Through(crLf, text, cut, capacity), wanted) << cut << ", " << capacity;
+            const std::regex line(".{1," + std::to_string(std::min(capacity / 4 * 4, 76)) + "}");
+            std::string lines;
+            for (const std::string& part : {text.substr(0, cut), text.substr(cut, 130 - cut)}) {
+                CEString encoded;
+                CEString::EncodeBase64(part.data(), static_cast<std::int64_t>(part.size()), encoded);
+                lines += std::regex_replace(encoded.CStr(), line, "$&\r\n");
+            }
+            EXPECT_EQ(Through(base64, text.substr(0, 130), cut, capacity), lines) << cut << ", " << capacity;
+        }
+    }
+}
