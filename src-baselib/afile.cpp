@@ -272,7 +272,7 @@ bool AFile::ReadSome(char* buffer, std::size_t wanted, std::size_t& moved)
 bool AFile::RawRead(void* buffer, std::size_t size, std::size_t count, std::size_t& countRead)
 {
     const std::size_t total = size * count;
-    if (total <= Unread()) { // the usual case of small reads
+    if (total > 0 && total <= Unread()) { // the usual case of small reads
         std::memcpy(buffer, m_ahead.get() + m_aheadStart, total);
         m_aheadStart += total;
         countRead = count;

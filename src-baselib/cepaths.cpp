@@ -35,7 +35,10 @@ bool CEPathString::GetCurrentDir()
 
 CEWorkingDir::CEWorkingDir()
 {
-    if (GetCurrentDir()) {
+    GetCurrentDir();
+    if (IsEmpty()) {
+        CEWorkingDir::ReportDirError(kCannotFind, "");
+    } else {
         m_stack.Add(*this);
     }
 }

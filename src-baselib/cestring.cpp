@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "src-baselib/neverdestroyed.h"
+
 CEString::CEString(CEString&& other) noexcept
     : m_buffer(std::move(other.m_buffer)), m_capacity(std::exchange(other.m_capacity, 0)),
       m_length(std::exchange(other.m_length, 0))
@@ -172,9 +174,9 @@ CEStringArray::Compare CEStringArray::GetCompareFunction() const
 
 const CEString& CEStringArray::GetAt(std::int32_t index) const
 {
-    static const CEString empty;
+    static CNeverDestroyed<CEString> empty;
     const CEString* const text = At(index);
-    return text == nullptr ? empty : *text;
+    return text == nullptr ? empty.Get() : *text;
 }
 
 void CEStringArray::Sort()

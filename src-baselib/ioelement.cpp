@@ -1,5 +1,7 @@
 #include "src-baselib/ioelement.h"
 
+#include "src-baselib/neverdestroyed.h"
+
 void IOElement::SetNoCopy(bool /*noCopy*/) {}
 
 void IOElement::SetAppend(bool /*append*/) {}
@@ -8,8 +10,8 @@ void IOElement::SetName(const char* /*name*/) {}
 
 const CEString& IOElement::GetName() const
 {
-    static const CEString none;
-    return none;
+    static CNeverDestroyed<CEString> none;
+    return none.Get();
 }
 
 bool IOElement::IsAvailable()

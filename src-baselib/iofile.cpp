@@ -66,5 +66,5 @@ bool IOFile::Close()
 {
     m_markFile.Close();
     m_file.Close();
-    return GetInner() == nullptr || GetInner()->Close();
+    return IOElement::Close();
 }

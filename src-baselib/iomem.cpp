@@ -179,14 +179,24 @@ bool IOMemory::HandOn(const void* data, std::int64_t length)
     return taken;
 }
 
+void IOMemory::ClearStore()
+{
+    m_store.Clear();
+    m_walkItem = 0;
+    m_walkStart = 0;
+}
+
 // Copies the bytes of [from, to) to the destination or, with none, hands them to the sink chunk by chunk.
 bool IOMemory::Walk(std::int64_t from, std::int64_t to, char* destination)
 {
     if ((destination == nullptr && !HasSink()) || from < 0 || to < 1 || from >= to || to > Size()) {
         return false;
     }
-    std::int64_t start = 0;
-    for (std::int32_t i = 0; i < m_store.GetItemCount() && start < to; ++i) {
+    const bool resumes = from >= m_walkStart;
+    std::int64_t start = resumes ? m_walkStart : 0;
+    for (std::int32_t i = resumes ? m_walkItem : 0; i < m_store.GetItemCount() && start < to; ++i) {
+        m_walkItem = i;
+        m_walkStart = start;
         const std::int64_t end = start + m_store.GetItemSize(i);
         const std::int64_t first = std::max(from, start);
         const std::int64_t length = std::min(to, end) - first;
@@ -263,7 +273,7 @@ bool IOMemory::Close()
         succeeded = FlushPending();
         succeeded = RestartSink() && succeeded;
     }
-    m_store.Clear();
+    ClearStore();
     return succeeded;
 }
 
@@ -286,7 +296,7 @@ bool IOMemory::Flush()
     if (HasSink()) {
         succeeded = FlushPending() && succeeded;
     }
-    m_store.Clear();
+    ClearStore();
     return succeeded;
 }
 
@@ -321,7 +331,7 @@ bool IOMemory::SetMemoryBlocks(const char* text)
     m_baseOffset = static_cast<std::int64_t>(GetByteCount());
     m_flushedOffset = -1;
     ResetByteCount();
-    m_store.Clear();
+    ClearStore();
 
     std::vector<MemoryBlock> blocks;
     if (!ParseMemoryBlocks(text == nullptr ? "" : text, blocks)) {

@@ -78,7 +78,12 @@ private:
     bool RestartSink();
     bool FlushToInner();
 
+    void ClearStore();
+
     CTextCache m_store;
+    // Where the last walk ended: reads go on from there instead of walking from the first chunk.
+    std::int32_t m_walkItem = 0;
+    std::int64_t m_walkStart = 0; // of that item
     std::int64_t m_position = 0;
     std::int64_t m_baseOffset = 0; // subtracted from offsets given to GetDirectPointer
     std::int64_t m_mark = -1;      // -1: none

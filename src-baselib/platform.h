@@ -41,7 +41,10 @@ int NotAFileError();
 // Whether "\" separates folders here as "/" does.
 bool BackslashSeparatesFolders();
 
-// The system's message for an error number, at most 256 characters; "Kein Fehlertext" when there is none.
+// The system's message for an error number, "Kein Fehlertext" when there is none. It stands in `buffer` or in
+// memory of the system, and may be longer than the buffer then.
+const char* SystemErrorText(int error, char* buffer, std::size_t size);
+// The same, at most 256 characters of it.
 CEString SystemErrorText(int error);
 // The Windows Sockets code for an error number of the platform's socket calls, 0 for an unknown one.
 int SocketErrorCode(int error);
@@ -97,7 +100,7 @@ public:
     void unlock();
 
 private:
-    void* m_handle; // owned
+    alignas(void*) unsigned char m_storage[64]; // the platform's mutex
 };
 
 // Keeps the broken-pipe signal of a dropped connection from the calling thread's process while it lives.
@@ -112,6 +115,20 @@ public:
 private:
     bool m_blocked = false;    // the signal is blocked while this guard lives
     bool m_wasBlocked = false; // the host had it blocked already
+};
+
+// Keeps the calling thread from being cancelled while it lives: a call is a host's, and is not left halfway.
+class CCancellationGuard
+{
+public:
+    CCancellationGuard();
+    ~CCancellationGuard();
+    CCancellationGuard(const CCancellationGuard&) = delete;
+    CCancellationGuard& operator=(const CCancellationGuard&) = delete;
+
+private:
+    int m_old = 0;
+    bool m_changed = false;
 };
 
 } // namespace platform

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <pthread.h>
 #include <csignal>
 #include <sys/file.h>
@@ -111,6 +112,7 @@ bool ReadFile(FileHandle handle, void* buffer, std::uint32_t& count, int& error)
 
 bool WriteFile(FileHandle handle, const void* buffer, std::uint32_t& count, int& error)
 {
+    const CBrokenPipeGuard guard; // a trace may be a pipe whose reader has gone
     ssize_t moved = 0;
     do {
         moved = write(ToDescriptor(handle), buffer, count);
@@ -159,14 +161,10 @@ bool BackslashSeparatesFolders()
     return false;
 }
 
-CEString SystemErrorText(int error)
+const char* SystemErrorText(int error, char* buffer, std::size_t size)
 {
-    constexpr std::size_t kLongest = 256;
-    char buffer[kLongest + 1] = "";
     // The GNU variant may return a text of its own instead of filling the buffer.
-    const char* const text =
-        strerrordesc_np(error) == nullptr ? "Kein Fehlertext" : strerror_r(error, buffer, sizeof buffer);
-    return CEString(std::string_view(text).substr(0, kLongest));
+    return strerrordesc_np(error) == nullptr ? "Kein Fehlertext" : strerror_r(error, buffer, size);
 }
 
 int SocketErrorCode(int error)
@@ -370,21 +368,44 @@ void SetThreadEndHook(void (*hook)())
     g_threadEndHook = hook;
 }
 
-CPlatformMutex::CPlatformMutex() : m_handle(new std::mutex) {}
+namespace {
+std::mutex& AsMutex(unsigned char* storage)
+{
+    return *std::launder(reinterpret_cast<std::mutex*>(storage));
+}
+} // namespace
+
+CPlatformMutex::CPlatformMutex()
+{
+    static_assert(sizeof(std::mutex) <= sizeof m_storage);
+    new (m_storage) std::mutex;
+}
 
 CPlatformMutex::~CPlatformMutex()
 {
-    delete static_cast<std::mutex*>(m_handle);
+    std::destroy_at(&AsMutex(m_storage));
 }
 
 void CPlatformMutex::lock()
 {
-    static_cast<std::mutex*>(m_handle)->lock();
+    AsMutex(m_storage).lock();
 }
 
 void CPlatformMutex::unlock()
 {
-    static_cast<std::mutex*>(m_handle)->unlock();
+    AsMutex(m_storage).unlock();
+}
+
+CCancellationGuard::CCancellationGuard()
+{
+    m_changed = pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_old) == 0;
+}
+
+CCancellationGuard::~CCancellationGuard()
+{
+    if (m_changed) {
+        pthread_setcancelstate(m_old, nullptr);
+    }
 }
 
 namespace {

@@ -1,6 +1,7 @@
 #include "src-baselib/pointerarray.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 constexpr std::int32_t kFirstCapacity = 31;
@@ -15,6 +16,13 @@ void CPointerArray::Grow()
     std::copy_n(m_slots.get(), m_count, slots.get());
     m_slots = std::move(slots);
     m_capacity = capacity;
+}
+
+void CPointerArray::Swap(CPointerArray& other) noexcept
+{
+    std::swap(m_slots, other.m_slots);
+    std::swap(m_count, other.m_count);
+    std::swap(m_capacity, other.m_capacity);
 }
 
 void CPointerArray::Add(void* pointer)

@@ -19,6 +19,7 @@ public:
     [[nodiscard]] void* At(std::int32_t index) const;
     // Takes the pointer at `index` out and returns it; null for an index out of range.
     void* Take(std::int32_t index);
+    void Swap(CPointerArray& other) noexcept;
     // Forgets all pointers and keeps the slots.
     void Forget() { m_count = 0; }
     [[nodiscard]] std::int32_t GetCount() const { return m_count; }

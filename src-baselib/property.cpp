@@ -214,8 +214,10 @@ CProperty* CSeparatedStringProperty::Clone(CPropertySet& newOwner) const
 
 void CSeparatedStringProperty::SetRaw(const char* text)
 {
+    CEStringArray parts; // what may fail comes before the value changes
+    SplitList(text == nullptr ? "" : text, parts);
     CStringProperty::SetRaw(text);
-    SplitList(GetString().View(), m_parts);
+    m_parts.Swap(parts);
 }
 
 std::int32_t CSeparatedStringProperty::GetPartLong(std::int32_t index) const

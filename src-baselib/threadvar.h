@@ -3,8 +3,8 @@
 #pragma once
 
 #include <memory>
-#include <new>
 
+#include "src-baselib/neverdestroyed.h"
 #include "src-baselib/platform.h"
 
 class CThreadVarBase
@@ -54,19 +54,6 @@ protected:
 private:
     int m_slot = -1;
     DestroyFunction m_destroy = nullptr;
-};
-
-// An object in static storage whose destructor never runs: at the process's end the library is still at work
-// after the destructors of its statics.
-template<class T>
-class CNeverDestroyed
-{
-public:
-    CNeverDestroyed() { new (m_storage) T; }
-    [[nodiscard]] T& Get() { return *std::launder(reinterpret_cast<T*>(m_storage)); }
-
-private:
-    alignas(T) unsigned char m_storage[sizeof(T)];
 };
 
 template<class T>

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "src-baselib/error.h"
+#include "src-baselib/neverdestroyed.h"
 
 namespace {
 constexpr std::uint32_t kVersion = 0x01030002;
@@ -25,8 +26,8 @@ std::atomic<bool> g_multiThreaded = false;
 
 platform::CPlatformMutex& TraceMutex()
 {
-    static platform::CPlatformMutex mutex;
-    return mutex;
+    static CNeverDestroyed<platform::CPlatformMutex> mutex;
+    return mutex.Get();
 }
 
 std::size_t LastDot(std::string_view name)
@@ -124,11 +125,13 @@ bool CTraceFile::EnsureWritable()
 bool CTraceFile::ResolveConflict()
 {
     const CEString wanted = m_configuredName;
+    const int before = PendingError(); // of a delivery that failed: still to be told to the host
     for (char letter = 'a'; letter <= 'z'; ++letter) {
         ClearPendingError();
         const char suffix[] = {'-', letter, '\0'};
         const CEString name = Suffixed(wanted, suffix);
         if (SwitchFile(name.CStr())) {
+            SetPendingError(before);
             Normal("Opened new trace file '%s', because of a writing conflict with file '%s'", name.CStr(),
                    wanted.CStr());
             return true;
@@ -138,17 +141,34 @@ bool CTraceFile::ResolveConflict()
     return false;
 }
 
+namespace {
+// While a line is written, what the writing reports is dropped.
+class CWriting
+{
+public:
+    explicit CWriting(bool& flag) : m_flag(flag) { m_flag = true; }
+    ~CWriting() { m_flag = false; }
+    CWriting(const CWriting&) = delete;
+    CWriting& operator=(const CWriting&) = delete;
+
+private:
+    bool& m_flag;
+};
+} // namespace
+
 bool CTraceFile::OpenHandle(std::uint32_t access, std::uint32_t share, std::uint32_t creation)
 {
-    m_writing = true;
-    const bool opened = AFile::OpenHandle(access, share, creation);
-    m_writing = false;
-    return opened;
+    const CWriting writing(m_writing);
+    return AFile::OpenHandle(access, share, creation);
 }
 
 bool CTraceFile::ReportError(const char* format, const char* argument)
 {
-    Trace(TraceLevel::Error, "%s", DescribeFailure(format, argument).CStr());
+    char system[257] = "";
+    char message[kMessageSize];
+    std::snprintf(message, sizeof message, format, argument,
+                  platform::SystemErrorText(GetLastSystemError(), system, sizeof system));
+    Trace(TraceLevel::Error, "%s", message);
     return false;
 }
 
@@ -239,16 +259,14 @@ bool CTraceFile::WriteLine(const char* message)
     if (m_writing) {
         return false;
     }
-    m_writing = true;
+    const CWriting writing(m_writing);
     FormatPrefix();
     char line[kLineSize + 3];
     const int length = std::snprintf(line, kLineSize + 1, "%s%s%s", m_lineNumber, m_timestamp, message);
     std::size_t end = std::min(static_cast<std::size_t>(std::max(length, 0)), kLineSize);
     line[end++] = '\r';
     line[end++] = '\n';
-    const bool written = Write(line, 1, end);
-    m_writing = false;
-    return written;
+    return Write(line, 1, end);
 }
 
 bool CTraceFile::Line(TraceLevel level, const char* format, std::va_list arguments)
@@ -278,12 +296,10 @@ bool CTraceFile::WriteText(const char* text)
     if (m_writing) {
         return false;
     }
-    m_writing = true;
+    const CWriting writing(m_writing);
     FormatPrefix();
-    const bool written = WriteString(m_lineNumber, false) && WriteString(m_timestamp, false) &&
-                         WriteString(text, false) && WriteString("", true);
-    m_writing = false;
-    return written;
+    return WriteString(m_lineNumber, false) && WriteString(m_timestamp, false) && WriteString(text, false) &&
+           WriteString("", true);
 }
 
 // Four functions that differ in their level alone; a variadic one cannot forward to another.

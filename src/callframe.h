@@ -41,6 +41,7 @@ int EndThrownCall(bool outOfMemory) noexcept;
 template<class Body>
 int GuardedCall(const char* name, Body body) noexcept
 {
+    const platform::CCancellationGuard guard; // its unwinding must not meet the boundary below
     try {
         CCallFrame frame(name);
         return body(frame);

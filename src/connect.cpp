@@ -1,11 +1,14 @@
 #include "src/connect.h"
 
+#include <new>
+
 #include "src-baselib/report.h"
 #include "src/mapimailservice.h"
 #include "src/smtpmailservice.h"
 
 namespace {
 
+constexpr int kNotEnoughMemory = 10;
 constexpr int kUnknownProtocol = 656;
 
 // The property's text, or `otherwise` with a warning when it is empty.
@@ -34,7 +37,13 @@ int ConnectSmtp(CCallFrame& frame)
         ValueOr(live.mailAuthPassword, "",
                 "Warning: No password for opening connection. Property 'MailAuthPassword' not set.");
     info.showDialog = live.mailLogonDialog.GetBool() != 0;
-    frame.Mail().SetService(std::make_unique<CSMTPMailService>());
+    try {
+        frame.Mail().SetService(std::make_unique<CSMTPMailService>());
+    } catch (const std::bad_alloc&) {
+        Trace(TraceLevel::Error, "Error: Not enough memory. Mail service not found.");
+        RaiseError(kNotEnoughMemory, "Not enough memory.");
+        return frame.Fail();
+    }
     return frame.End(frame.Mail().GetService()->Connect(info));
 }
 

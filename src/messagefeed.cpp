@@ -2,17 +2,27 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include "src-baselib/report.h"
 #include "src/composition.h"
+
+namespace {
+constexpr int kMailTextError = 695;
+}
 
 CMessageFeed::CMessageFeed(Clock clock) : m_buffer(new char[kBufferSize]), m_clock(clock) {}
 
 void CMessageFeed::Rewind(smtp_messagecb_t compose, CMail* job)
 {
+    // What the transport left unread of a message that was refused on its way would begin this one.
+    if (m_unread != nullptr) {
+        *m_unread = 0;
+    }
     m_handedOver = -1;
     m_ended = false;
     m_failure = 0;
+    m_lineLength = 0;
     void* context = nullptr;
     compose(&context, nullptr, job);
     errno = 0;
@@ -28,6 +38,24 @@ bool CMessageFeed::HasStalled()
     return true;
 }
 
+bool CMessageFeed::IsLineTooLong(const char* piece, int length)
+{
+    const std::string_view text(piece, static_cast<std::size_t>(length));
+    const std::size_t lineEnd = text.back() == '\n' ? text.size() - 1 : text.rfind('\n');
+    if (lineEnd == std::string_view::npos) {
+        m_lineLength += length;
+    } else {
+        m_lineLength = static_cast<std::int64_t>(text.size() - lineEnd) - 1;
+    }
+    if (m_lineLength <= kLongestLine) {
+        return false;
+    }
+    static constexpr const char* kText = "ERROR: A line of the mail text is too long.";
+    Trace(TraceLevel::Error, "%s", kText);
+    RaiseError(kMailTextError, kText);
+    return true;
+}
+
 const char* CMessageFeed::GiveUp(int error)
 {
     m_failure = error;
@@ -37,6 +65,7 @@ const char* CMessageFeed::GiveUp(int error)
 
 const char* CMessageFeed::Next(smtp_messagecb_t compose, CMail* job, int& length)
 {
+    m_unread = &length;
     length = 0;
     // libESMTP asks again after an end that cut a line: the answer must stay the same.
     if (m_failure != 0) {
@@ -56,6 +85,9 @@ const char* CMessageFeed::Next(smtp_messagecb_t compose, CMail* job, int& length
             break;
         }
         m_ended = chunk == nullptr || piece <= 0;
+        if (!m_ended && IsLineTooLong(chunk, piece)) {
+            return GiveUp(EIO);
+        }
         if (!m_ended) {
             std::memcpy(m_buffer.get() + used, chunk, static_cast<std::size_t>(piece));
             used += piece;

@@ -1,11 +1,13 @@
 #include "src/recipients.h"
 
 #include <algorithm>
+#include <new>
 
 #include "src-baselib/report.h"
 
 namespace {
 
+constexpr int kNotEnoughMemory = 10;
 constexpr int kNoRecipient = 650;
 
 struct Kind
@@ -36,6 +38,19 @@ bool Refuse(const CEString& text, const SourcePlace& where = SourcePlace::Here()
     Trace(TraceLevel::Error, "Error: %s", text.CStr());
     RaiseError(kNoRecipient, text.CStr(), where);
     return false;
+}
+
+bool AddAddress(const Kind& lists, std::int32_t index)
+{
+    try {
+        lists.addresses.Add(std::make_unique<CMailAddress>(
+            lists.mailboxes.GetPart(index), HeaderValue(lists.fullNames, lists.fullNames.GetPart(index))));
+        return true;
+    } catch (const std::bad_alloc&) {
+        Trace(TraceLevel::Error, "Error: Not enough memory!");
+        RaiseError(kNotEnoughMemory, "Not enough memory!");
+        return false;
+    }
 }
 
 } // namespace
@@ -80,8 +95,9 @@ bool AddRecipients(RecipientType kind, const CLiveMailProperties& properties, CM
             text.Append(" is not a correct eMail address.");
             return Refuse(text);
         }
-        lists.addresses.Add(std::make_unique<CMailAddress>(
-            mailbox, HeaderValue(lists.fullNames, lists.fullNames.GetPart(i))));
+        if (!AddAddress(lists, i)) {
+            return false;
+        }
     }
     return true;
 }

@@ -2,11 +2,13 @@
 
 #include <clocale>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <vector>
 
 #include "src-baselib/cepaths.h"
 #include "src-baselib/iomem.h"
+#include "src-baselib/neverdestroyed.h"
 #include "src-baselib/platform.h"
 #include "src-baselib/report.h"
 #include "src/recipients.h"
@@ -132,11 +134,18 @@ void CSendPipeline::WriteEnvironment(const CEWorkingDir& directory)
 
 void CSendPipeline::UseNumericLocaleC()
 {
-    Trace(TraceLevel::Info, "MAIL: Current locale '%s'", std::setlocale(LC_ALL, nullptr));
-    // The locale belongs to the process: it is changed only where that changes something.
-    if (std::strcmp(std::setlocale(LC_NUMERIC, nullptr), "C") != 0) {
-        std::setlocale(LC_NUMERIC, "C");
+    static CNeverDestroyed<platform::CPlatformMutex> mutex;
+    CEString current;
+    {
+        // The locale belongs to the process: it is changed only where that changes something, and its name is
+        // copied before another thread's send can free it.
+        const std::lock_guard<platform::CPlatformMutex> lock(mutex.Get());
+        current = std::setlocale(LC_ALL, nullptr);
+        if (std::strcmp(std::setlocale(LC_NUMERIC, nullptr), "C") != 0) {
+            std::setlocale(LC_NUMERIC, "C");
+        }
     }
+    Trace(TraceLevel::Info, "MAIL: Current locale '%s'", current.CStr());
     Trace(TraceLevel::Info, "MAIL: Set locale LC_NUMERIC=\"C\"");
 }
 

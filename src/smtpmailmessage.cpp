@@ -66,9 +66,10 @@ bool IsSuccess(const smtp_status_t* status)
     return status != nullptr && status->code >= 200 && status->code <= 299;
 }
 
+// A reply that broke off leaves its code behind, but no text: that is no refusal.
 bool IsRefusal(const smtp_status_t* status)
 {
-    return status != nullptr && status->code >= 400 && status->code <= 599;
+    return status != nullptr && status->code >= 400 && status->code <= 599 && status->text != nullptr;
 }
 
 // Called through libESMTP's frames, so it needs no memory and throws nothing.
@@ -142,6 +143,7 @@ const char* CSMTPMailMessage::Feed(void** context, int* length, void* argument)
         }
         return self.m_session.NextChunk(self.m_callback, *self.m_job, *length);
     } catch (const std::exception&) {
+        self.m_session.FailMessage(ENOMEM);
         try {
             RaiseError(kNotEnoughMemory, "Not enough memory.");
         } catch (const std::exception&) {

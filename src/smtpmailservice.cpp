@@ -54,9 +54,23 @@ bool CSMTPMailService::Connect(const CMailConnectionInfo& info)
 {
     m_session = std::make_unique<CSMTPMailSession>();
     SetTransportTrace(TraceSink);
-    return m_session->Create() &&
-           m_session->SetServer(FirstSet(info.server, m_session->GetHost(), "localhost"),
-                                FirstSet(info.port, m_session->GetPort(), "25"));
+    struct Undo // a session that is not aimed at its server must not be sent through
+    {
+        CSMTPMailSession* session;
+        ~Undo()
+        {
+            if (session != nullptr) {
+                session->Destroy();
+            }
+        }
+    } undo = {m_session.get()};
+    if (!m_session->Create() ||
+        !m_session->SetServer(FirstSet(info.server, m_session->GetHost(), "localhost"),
+                              FirstSet(info.port, m_session->GetPort(), "25"))) {
+        return false;
+    }
+    undo.session = nullptr;
+    return true;
 }
 
 bool CSMTPMailService::PrepareMessage(CMail& mail, std::int32_t recipient)
@@ -255,9 +269,9 @@ const char* ComposeAttachment(CompositionState& state, int& length)
         return GiveOut(state, length, count);
     }
     if (count > 0) {
-        state.attachmentHeaderSent = true;
         CEString chunk = PartHeader(state, attachment);
         chunk.Append(std::string_view(state.buffer, static_cast<std::size_t>(count)));
+        state.attachmentHeaderSent = true;
         return GiveOutText(state, length, chunk.View());
     }
     if (!attachment.IsDelivered()) {

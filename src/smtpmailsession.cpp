@@ -58,7 +58,7 @@ CEString MakeMessageId()
     static std::atomic<std::uint32_t> counter = 0;
     const platform::ClockTime now = platform::GetClockTime();
     CEString id;
-    id.Format("velmail.%016" PRIx64 ".%08x%08x.%u@%s", drawn ^ platform::CurrentProcessId(), now.seconds,
+    id.Format("velmail.%016" PRIx64 ".%08x%08x.%08x@%s", drawn ^ platform::CurrentProcessId(), now.seconds,
               now.nanoseconds, ++counter, platform::HostName().CStr());
     return id;
 }
@@ -133,6 +133,7 @@ CSMTPMailSession::~CSMTPMailSession()
 
 bool CSMTPMailSession::Create()
 {
+    smtp_errno(); // makes its per-thread state while there is memory: it does not check for it
     m_session = smtp_create_session();
     if (m_session == nullptr) {
         RaiseError(kSessionError, kNoSession);
@@ -169,6 +170,7 @@ void CSMTPMailSession::Destroy()
     if (m_session != nullptr) {
         smtp_destroy_session(m_session);
         m_session = nullptr;
+        m_feed.Forget();
     }
     if (m_authContext != nullptr) {
         auth_destroy_context(m_authContext);

@@ -42,6 +42,8 @@ public:
     // does.
     void RewindMessage(smtp_messagecb_t compose, CMail& job);
     const char* NextChunk(smtp_messagecb_t compose, CMail& job, int& length);
+    // The message cannot be completed, for the reason `error` (an errno).
+    void FailMessage(int error) { m_feed.Fail(error); }
 
     [[nodiscard]] const CEString& GetHost() const { return m_host; }
     [[nodiscard]] const CEString& GetPort() const { return m_port; }

@@ -75,7 +75,9 @@ int VelMailGetLastError(int* code)
         if (!frame.Enter() || code == nullptr) {
             return 0;
         }
-        *code = frame.Error().GetLast() != 0 ? frame.Error().GetLast() : *code;
+        if (frame.Error().GetLast() != 0) { // otherwise it is left untouched
+            *code = frame.Error().GetLast();
+        }
         return 1;
     });
 }

@@ -181,6 +181,26 @@ TEST(Send, SendsOneMessageForEachRecipientOnlyForTheValueOne)
     }
 }
 
+// What a refused message leaves unread must not begin the next one.
+TEST(Send, KeepsTheMessagesOfABulkMailApart)
+{
+    for (const char* const step : {"RCPT", "BDAT"}) {
+        CScriptedServer server({{.match = step, .nth = 1, .reply = "550 no\r\n"}},
+                               {.extensions = {"CHUNKING"}});
+        std::thread([&] {
+            Set(SmallMail(server.Port()));
+            Set({{"UseBulkMail", "1"}, {"MailRecipientsMailBox", "a@host.example;b@host.example"}});
+            ASSERT_EQ(VelMailConnect(), 1);
+            EXPECT_EQ(SendAndDisconnect(), 0);
+        }).join();
+        ASSERT_EQ(server.Mails().size(), 1U) << step;
+        const std::string data = server.Mails()[0].data;
+        EXPECT_EQ(server.Mails()[0].recipients, std::vector<std::string>{"b@host.example"});
+        EXPECT_TRUE(SplitMessage(data).body.starts_with("MIME-Version: 1.0\r\n--velmail")) << data;
+        EXPECT_EQ(SplitMultipart(SplitMessage(data).body, BoundaryOf(data)).parts.size(), 1U) << data;
+    }
+}
+
 TEST(Send, ChecksTheMailInItsOrderBeforeAnyConnection)
 {
     const CTempFolder folder;

@@ -40,7 +40,7 @@ struct Feed : CMessageFeed
     {
         const auto& [pieces, length, error] = script;
         calls = size == nullptr ? 0 : calls + 1;
-        errno = calls > pieces ? error : EINTR; // beside a piece it means nothing
+        errno = calls <= pieces ? EINTR : error != 0 ? error : errno; // beside a piece it means nothing
         given.resize(std::min(calls, pieces) * length, static_cast<char>(calls));
         const bool more = calls > 0 && calls <= pieces;
         return more ? *size = static_cast<int>(length), given.data() + given.size() - length : nullptr;

@@ -21,7 +21,7 @@ TEST(Strings, TakePartsOfThemselvesGrowAreCutAndSorted)
     text = "abcde";
     EXPECT_TRUE(text.Mid(3, 9) == "de" && text.Mid(1, 2) == "bc" && text.Left(5) == text);
     EXPECT_TRUE(text.Mid(5, 1) == "" && text.Mid(-1, 2) == "" && text.Left(-1) == "");
-    CEString::EncodeBase64((text = "\xFB\xFF\xBF?").CStr(), -1, text); // its own text, to its end
+    CEString::EncodeBase64((text = "\xFB\xFF\xBF??").CStr(), 4, text); // a part of its own text
     EXPECT_EQ(text, "+/+/Pw==");
     CEStringArray texts;
     for (int i = 0; i < 104; ++i) {
