@@ -101,11 +101,20 @@ bool CrLfFilterIo::Read(void* buffer, std::int32_t& length)
     char chunk[kLargestChunk];
     const std::int32_t count = Pull(*GetInner(), chunk, wanted);
     auto* out = static_cast<char*>(buffer);
-    for (const char* c = chunk; c != chunk + count; ++c) {
-        if (*c == '\n' && m_lastByte != '\r') {
-            *out++ = '\r';
+    for (const char *piece = chunk, *const end = chunk + count; piece != end;) {
+        const auto* const lineEnd =
+            static_cast<const char*>(std::memchr(piece, '\n', static_cast<std::size_t>(end - piece)));
+        const char* const pieceEnd = lineEnd == nullptr ? end : lineEnd;
+        m_lastByte = pieceEnd == piece ? m_lastByte : pieceEnd[-1];
+        out = std::copy(piece, pieceEnd, out);
+        piece = pieceEnd;
+        if (lineEnd != nullptr) {
+            if (m_lastByte != '\r') {
+                *out++ = '\r';
+            }
+            *out++ = m_lastByte = '\n';
+            ++piece;
         }
-        *out++ = m_lastByte = *c;
     }
     *out = '\0';
     length = static_cast<std::int32_t>(out - static_cast<char*>(buffer));

@@ -2,7 +2,7 @@
 // acknowledgement unless what is left is sent at once: found here, its sending is switched. Belongs to one
 // session.
 //
-// Known limit: where the socket cannot be told from others for certain it is left alone, and a mail takes
+// Known limit: where the socket cannot be told from one to another server it is left alone, and a mail takes
 // some 40 ms longer.
 #pragma once
 

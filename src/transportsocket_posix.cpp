@@ -22,7 +22,8 @@ namespace {
 
 // Descriptors are handed out lowest first, so the new socket lies close behind the lowest free one.
 constexpr int kRange = 32;
-using OpenFiles = std::array<bool, kRange>;
+// What a descriptor is: the kernel's own number of a socket, 0 for anything else and for none.
+using Sockets = std::array<std::uint64_t, kRange>;
 
 struct Peer
 {
@@ -79,8 +80,8 @@ int LowestFree()
     return probe;
 }
 
-// One call whatever the host has open.
-bool ListOpen(int first, OpenFiles& open)
+// One call whatever the host has open, and one for each descriptor of the range that is.
+bool ListSockets(int first, Sockets& sockets)
 {
     std::array<pollfd, kRange> list = {};
     for (int i = 0; i < kRange; ++i) {
@@ -89,8 +90,13 @@ bool ListOpen(int first, OpenFiles& open)
     if (poll(list.data(), list.size(), 0) < 0) {
         return false;
     }
-    std::transform(list.begin(), list.end(), open.begin(),
-                   [](const pollfd& entry) { return (entry.revents & POLLNVAL) == 0; });
+    std::transform(list.begin(), list.end(), sockets.begin(), [](const pollfd& entry) {
+        std::uint64_t cookie = 0;
+        socklen_t length = sizeof cookie;
+        const bool isSocket = (entry.revents & POLLNVAL) == 0 &&
+                              getsockopt(entry.fd, SOL_SOCKET, SO_COOKIE, &cookie, &length) == 0;
+        return isSocket ? cookie : 0;
+    });
     return true;
 }
 
@@ -108,6 +114,13 @@ bool LooksLikeTransport(int descriptor, in_port_t port, Peer& peer)
     return flags >= 0 && (flags & O_NONBLOCK) != 0 &&
            GetOption(descriptor, SOL_SOCKET, SO_TYPE) == SOCK_STREAM && GetPeer(descriptor, peer) &&
            PortOf(peer.address) == port && GetOption(descriptor, IPPROTO_TCP, TCP_NODELAY) == 0;
+}
+
+// A refusal costs time and nothing else: the mail goes out either way.
+bool SetAtOnce(int descriptor, bool atOnce)
+{
+    const int value = atOnce ? 1 : 0;
+    return setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0;
 }
 
 } // namespace
@@ -129,7 +142,7 @@ struct CTransportSocket::Search
 
     in_port_t port = 0; // in network order; 0: nothing is expected
     int first = 0;      // of the range of descriptors
-    OpenFiles before = {};
+    Sockets before = {};
     int descriptor = -1; // adopted; owned by the transport
     Peer peer;
     bool atOnce = false;
@@ -151,41 +164,44 @@ void CTransportSocket::Expect(const CEString& port) noexcept
     Release();
     Search& search = *m_search;
     search.first = LowestFree();
-    const bool known = search.first >= 0 && ListOpen(search.first, search.before);
+    const bool known = search.first >= 0 && ListSockets(search.first, search.before);
     search.port = known ? PortNumber(port.View()) : in_port_t{0};
 }
 
 void CTransportSocket::Adopt() noexcept
 {
     Search& search = *m_search;
-    OpenFiles now = {};
-    if (search.port == 0 || search.descriptor >= 0 || !ListOpen(search.first, now)) {
+    Sockets now = {};
+    if (search.port == 0 || search.descriptor >= 0 || !ListSockets(search.first, now)) {
         return;
     }
     const std::lock_guard<std::mutex> lock(Search::s_mutex);
-    int found = -1;
+    std::array<int, kRange> found = {};
+    std::size_t count = 0;
     Peer peer;
     for (std::size_t i = 0; i < now.size(); ++i) {
         const int descriptor = search.first + static_cast<int>(i);
         Peer candidate;
-        if (search.before.at(i) || !now.at(i) || Search::IsAdopted(descriptor) ||
+        if (now.at(i) == 0 || now.at(i) == search.before.at(i) || Search::IsAdopted(descriptor) ||
             !LooksLikeTransport(descriptor, search.port, candidate)) {
             continue;
         }
-        if (found >= 0 && !(candidate == peer)) {
+        if (count > 0 && !(candidate == peer)) {
             return; // somebody else's connection to that port of another server: which is which?
         }
-        if (found < 0) {
-            found = descriptor;
-            peer = candidate;
-        }
+        peer = candidate;
+        found.at(count++) = descriptor;
     }
-    if (found >= 0) {
-        search.descriptor = found;
+    if (count == 1) {
+        search.descriptor = found[0];
         search.peer = peer;
         search.atOnce = false;
         search.next = std::exchange(Search::s_adopted, &search);
+        return;
     }
+    // Connections of other threads to the same server, made at the same moment: none is taken, and none
+    // waits.
+    std::for_each_n(found.begin(), count, [](int descriptor) { SetAtOnce(descriptor, true); });
 }
 
 void CTransportSocket::Release() noexcept
@@ -211,9 +227,7 @@ void CTransportSocket::SendAtOnce(bool atOnce) noexcept
         !(peer == search.peer)) {
         return;
     }
-    const int value = atOnce ? 1 : 0;
-    // A refusal costs time and nothing else: the mail goes out either way.
-    if (setsockopt(search.descriptor, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0) {
+    if (SetAtOnce(search.descriptor, atOnce)) {
         search.atOnce = atOnce;
     }
 }
