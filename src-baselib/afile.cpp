@@ -340,9 +340,12 @@ bool AFile::RawWriteString(const char* text, bool addLineEnd)
 
 bool AFile::RawReadLine(char* buffer, std::size_t size)
 {
+    if (size < 2) {
+        return false;
+    }
     buffer[0] = '\0';
     std::size_t count = 0;
-    if (size < 2 || !RawRead(buffer, 1, size - 1, count)) {
+    if (!RawRead(buffer, 1, size - 1, count)) {
         return false;
     }
     const std::string_view text(buffer, count);
@@ -355,7 +358,7 @@ bool AFile::RawReadLine(char* buffer, std::size_t size)
     } else if (const std::size_t cr = text.find('\r'); cr != std::string_view::npos) {
         // At the end of a full read the "\n" that belongs to it may still follow: it is left for the next
         // read.
-        const bool undecided = cr + 1 == count && count == size - 1;
+        const bool undecided = cr > 0 && cr + 1 == count && count == size - 1;
         kept = consumed = undecided ? cr : cr + 1;
         if (!undecided) {
             buffer[cr] = '\n';

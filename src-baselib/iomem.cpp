@@ -246,13 +246,17 @@ bool IOMemory::SeekBegin(std::int64_t offset)
 
 bool IOMemory::SeekEnd(std::int64_t offset)
 {
+    if (offset > std::numeric_limits<std::int64_t>::max() - Size()) {
+        return false;
+    }
     m_position = Size() + offset;
     return true;
 }
 
 bool IOMemory::SeekCurrent(std::int64_t delta)
 {
-    if (m_position + delta < 0) {
+    if ((delta > 0 && m_position > std::numeric_limits<std::int64_t>::max() - delta) ||
+        m_position + delta < 0) {
         return false;
     }
     m_position += delta;
@@ -297,6 +301,7 @@ bool IOMemory::Flush()
         succeeded = FlushPending() && succeeded;
     }
     ClearStore();
+    m_flushedOffset = -1; // what comes next has not been handed on
     return succeeded;
 }
 
@@ -312,7 +317,7 @@ void* IOMemory::GetDirectPointer(std::int64_t offset, std::int32_t length)
         return GetInner()->GetDirectPointer(offset, length);
     }
     offset -= m_baseOffset;
-    if (offset < 0 || length < 1 || offset + length >= Size()) {
+    if (offset < 0 || length < 1 || offset >= Size() - length) {
         return nullptr;
     }
     std::int64_t start = 0;

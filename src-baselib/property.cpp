@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "src-baselib/propertyset.h"
 #include "src-baselib/report.h"
@@ -23,7 +24,9 @@ char UpperAscii(char c)
 
 std::int32_t ToLong(const char* text)
 {
-    return static_cast<std::int32_t>(std::strtol(text, nullptr, 10)); // the low 32 bits
+    constexpr long kLowest = std::numeric_limits<std::int32_t>::min();
+    constexpr long kHighest = std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(std::clamp(std::strtol(text, nullptr, 10), kLowest, kHighest));
 }
 } // namespace
 

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <new>
 
+#include "src-baselib/cepaths.h"
 #include "src-baselib/error.h"
 #include "src-baselib/neverdestroyed.h"
 
@@ -30,15 +31,11 @@ platform::CPlatformMutex& TraceMutex()
     return mutex.Get();
 }
 
-std::size_t LastDot(std::string_view name)
-{
-    return std::min(name.rfind('.'), name.size());
-}
-
-// Inserts `suffix` before the last "." of the name.
+// Inserts `suffix` before the last "." of the file's name; a dot in a folder's name does not count.
 CEString Suffixed(const CEString& name, const char* suffix)
 {
-    const std::size_t dot = LastDot(name.View());
+    const std::string_view file = FileNamePart(name.View());
+    const std::size_t dot = name.GetLength() - file.size() + std::min(file.rfind('.'), file.size());
     CEString result(name.View().substr(0, dot));
     result.Append(suffix);
     result.Append(name.View().substr(dot));
