@@ -155,7 +155,7 @@ std::int64_t AFile::GetLength()
 bool AFile::IsSameName(const char* first, const char* second) const
 {
     // Names are compared whole: two long names that only begin alike must not be taken for one file.
-    return std::strcmp(first, second) == 0 || Replaced(first, '\\', '/') == second;
+    return std::strcmp(first, second) == 0 || (*second != '\0' && Replaced(first, '\\', '/') == second);
 }
 
 void AFile::ModeRead(std::uint32_t& access, std::uint32_t& share, std::uint32_t& creation) const

@@ -20,8 +20,14 @@
 
 namespace {
 
-// Descriptors are handed out lowest first, so the new socket lies close behind the lowest free one.
+// Descriptors are handed out lowest first, so the new socket lies close to the lowest free one: behind it, or
+// before it where another thread has closed something meanwhile.
 constexpr int kRange = 32;
+constexpr int kBefore = 16;
+// Where many threads open and close at once, it may lie farther off. The second look costs less than the
+// wait.
+constexpr int kWideBefore = 256;
+constexpr int kWideBehind = 64;
 // What a descriptor is: the kernel's own number of a socket, 0 for anything else and for none.
 using Sockets = std::array<std::uint64_t, kRange>;
 
@@ -80,6 +86,14 @@ int LowestFree()
     return probe;
 }
 
+// The kernel's number of a socket; 0 for what is none.
+std::uint64_t SocketNumber(int descriptor)
+{
+    std::uint64_t number = 0;
+    socklen_t length = sizeof number;
+    return getsockopt(descriptor, SOL_SOCKET, SO_COOKIE, &number, &length) == 0 ? number : 0;
+}
+
 // One call whatever the host has open, and one for each descriptor of the range that is.
 bool ListSockets(int first, Sockets& sockets)
 {
@@ -91,11 +105,7 @@ bool ListSockets(int first, Sockets& sockets)
         return false;
     }
     std::transform(list.begin(), list.end(), sockets.begin(), [](const pollfd& entry) {
-        std::uint64_t cookie = 0;
-        socklen_t length = sizeof cookie;
-        const bool isSocket = (entry.revents & POLLNVAL) == 0 &&
-                              getsockopt(entry.fd, SOL_SOCKET, SO_COOKIE, &cookie, &length) == 0;
-        return isSocket ? cookie : 0;
+        return (entry.revents & POLLNVAL) == 0 ? SocketNumber(entry.fd) : 0;
     });
     return true;
 }
@@ -131,20 +141,43 @@ struct CTransportSocket::Search
     static std::mutex s_mutex;
     static Search* s_adopted;
 
-    static bool IsAdopted(int descriptor)
+    static bool IsAdopted(std::uint64_t socket)
     {
         const Search* search = s_adopted;
-        while (search != nullptr && search->descriptor != descriptor) {
+        while (search != nullptr && search->socket != socket) {
             search = search->next;
         }
         return search != nullptr;
     }
 
+    // Sockets that may be the transport's: all of them connected to the one server.
+    struct Candidates
+    {
+        std::array<int, kRange> descriptors = {};
+        std::size_t count = 0;
+        Peer peer;
+        bool mixed = false; // there were others, connected to that port of another server
+
+        void Consider(int descriptor, std::uint64_t socket, in_port_t expected)
+        {
+            Peer other;
+            if (socket == 0 || count == descriptors.size() || IsAdopted(socket) ||
+                !LooksLikeTransport(descriptor, expected, other)) {
+                return;
+            }
+            mixed = mixed || (count > 0 && !(other == peer));
+            peer = other;
+            descriptors.at(count++) = descriptor;
+        }
+    };
+
+    Candidates Look() const;
+
     in_port_t port = 0; // in network order; 0: nothing is expected
     int first = 0;      // of the range of descriptors
     Sockets before = {};
-    int descriptor = -1; // adopted; owned by the transport
-    Peer peer;
+    int descriptor = -1;      // adopted; owned by the transport
+    std::uint64_t socket = 0; // the kernel's number of it: a descriptor may be another socket's before long
     bool atOnce = false;
     Search* next = nullptr;
 };
@@ -163,45 +196,54 @@ void CTransportSocket::Expect(const CEString& port) noexcept
 {
     Release();
     Search& search = *m_search;
-    search.first = LowestFree();
-    const bool known = search.first >= 0 && ListSockets(search.first, search.before);
+    const int free = LowestFree();
+    search.first = std::max(0, free - kBefore);
+    const bool known = free >= 0 && ListSockets(search.first, search.before);
     search.port = known ? PortNumber(port.View()) : in_port_t{0};
+}
+
+// With the mutex held.
+CTransportSocket::Search::Candidates CTransportSocket::Search::Look() const
+{
+    Candidates candidates;
+    Sockets now = {};
+    if (!ListSockets(first, now)) {
+        return candidates;
+    }
+    for (std::size_t i = 0; i < now.size(); ++i) {
+        if (now.at(i) != before.at(i)) {
+            candidates.Consider(first + static_cast<int>(i), now.at(i), port);
+        }
+    }
+    const int middle = first + kBefore;
+    for (int i = std::max(0, middle - kWideBefore); candidates.count == 0 && i < middle + kWideBehind; ++i) {
+        candidates.Consider(i, SocketNumber(i), port);
+    }
+    return candidates;
 }
 
 void CTransportSocket::Adopt() noexcept
 {
     Search& search = *m_search;
-    Sockets now = {};
-    if (search.port == 0 || search.descriptor >= 0 || !ListSockets(search.first, now)) {
+    if (search.port == 0 || search.descriptor >= 0) {
         return;
     }
     const std::lock_guard<std::mutex> lock(Search::s_mutex);
-    std::array<int, kRange> found = {};
-    std::size_t count = 0;
-    Peer peer;
-    for (std::size_t i = 0; i < now.size(); ++i) {
-        const int descriptor = search.first + static_cast<int>(i);
-        Peer candidate;
-        if (now.at(i) == 0 || now.at(i) == search.before.at(i) || Search::IsAdopted(descriptor) ||
-            !LooksLikeTransport(descriptor, search.port, candidate)) {
-            continue;
-        }
-        if (count > 0 && !(candidate == peer)) {
-            return; // somebody else's connection to that port of another server: which is which?
-        }
-        peer = candidate;
-        found.at(count++) = descriptor;
+    const Search::Candidates found = search.Look();
+    if (found.mixed) {
+        return; // which is which cannot be told: none is touched
     }
-    if (count == 1) {
-        search.descriptor = found[0];
-        search.peer = peer;
+    if (found.count == 1) {
+        search.descriptor = found.descriptors[0];
+        search.socket = SocketNumber(search.descriptor);
         search.atOnce = false;
         search.next = std::exchange(Search::s_adopted, &search);
         return;
     }
     // Connections of other threads to the same server, made at the same moment: none is taken, and none
     // waits.
-    std::for_each_n(found.begin(), count, [](int descriptor) { SetAtOnce(descriptor, true); });
+    std::for_each_n(found.descriptors.begin(), found.count,
+                    [](int descriptor) { SetAtOnce(descriptor, true); });
 }
 
 void CTransportSocket::Release() noexcept
@@ -222,9 +264,8 @@ void CTransportSocket::Release() noexcept
 void CTransportSocket::SendAtOnce(bool atOnce) noexcept
 {
     Search& search = *m_search;
-    Peer peer;
-    if (search.descriptor < 0 || search.atOnce == atOnce || !GetPeer(search.descriptor, peer) ||
-        !(peer == search.peer)) {
+    if (search.descriptor < 0 || search.atOnce == atOnce ||
+        SocketNumber(search.descriptor) != search.socket) {
         return;
     }
     if (SetAtOnce(search.descriptor, atOnce)) {
