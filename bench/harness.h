@@ -1,0 +1,43 @@
+// What the senders of the benchmark have in common: the mail, the way to send it, and the program around it.
+// Each peer_*.cpp is a program of its own that defines MakePeer; harness.cpp has its main.
+#pragma once
+
+#include <memory>
+#include <string>
+
+// The envelope and header that every sender uses.
+inline constexpr const char* kServer = "127.0.0.1";
+inline constexpr const char* kSender = "ada@example.org";
+inline constexpr const char* kRecipient = "bob@example.net";
+inline constexpr const char* kSubject = "Benchmark";
+inline constexpr const char* kUserAgent = "VEL Mail 1.3.2";
+
+struct Mail
+{
+    std::string port;
+    std::string textFile;
+    std::string attachmentFile; // empty: none
+    std::string composedFile;   // the same mail as the library composes it, for senders that compose nothing
+    bool chunking = false;      // the server offers CHUNKING; for the sender that does not ask
+};
+
+// Sends one mail again and again. Each thread has its own and makes it itself.
+class Peer
+{
+public:
+    Peer() = default;
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+    virtual ~Peer() = default;
+
+    // Fail with false, having said why on standard error.
+    virtual bool Connect() = 0;
+    virtual bool Send() = 0;
+    virtual bool Disconnect() = 0;
+};
+
+std::unique_ptr<Peer> MakePeer(const Mail& mail);
+
+std::string ReadWholeFile(const std::string& name);
+// Unique within the process; for senders that must bring their own.
+std::string MakeMessageId();

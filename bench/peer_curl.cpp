@@ -1,0 +1,94 @@
+// Sends with libcurl: a MIME upload with its own base64 encoder, everything else at its defaults. Within one
+// connection libcurl keeps its TCP connection too; the other libraries open one for each send.
+#include "harness.h"
+
+#include <cstdio>
+
+#include <curl/curl.h>
+
+namespace {
+
+class CurlPeer : public Peer
+{
+public:
+    explicit CurlPeer(const Mail& mail) : m_mail(mail), m_url("smtp://")
+    {
+        m_url.append(kServer).append(":").append(mail.port);
+    }
+
+    bool Connect() override
+    {
+        m_easy = curl_easy_init();
+        return m_easy != nullptr;
+    }
+
+    bool Send() override
+    {
+        curl_mime* const mime = MakeMime();
+        curl_slist* const header = MakeHeader();
+        curl_slist* const recipients = curl_slist_append(nullptr, kRecipient);
+        curl_easy_setopt(m_easy, CURLOPT_URL, m_url.c_str());
+        curl_easy_setopt(m_easy, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(m_easy, CURLOPT_MAIL_FROM, kSender);
+        curl_easy_setopt(m_easy, CURLOPT_MAIL_RCPT, recipients);
+        curl_easy_setopt(m_easy, CURLOPT_HTTPHEADER, header);
+        curl_easy_setopt(m_easy, CURLOPT_MIMEPOST, mime);
+        curl_easy_setopt(m_easy, CURLOPT_UPLOAD, 1L);
+        const CURLcode result = curl_easy_perform(m_easy);
+        curl_easy_setopt(m_easy, CURLOPT_MIMEPOST, nullptr);
+        curl_slist_free_all(recipients);
+        curl_slist_free_all(header);
+        curl_mime_free(mime);
+        if (result != CURLE_OK) {
+            std::fprintf(stderr, "curl_easy_perform: %s\n", curl_easy_strerror(result));
+        }
+        return result == CURLE_OK;
+    }
+
+    bool Disconnect() override
+    {
+        curl_easy_cleanup(m_easy);
+        return true;
+    }
+
+private:
+    static curl_slist* MakeHeader()
+    {
+        curl_slist* header = nullptr;
+        for (const std::string& line :
+             {std::string("From: ") + kSender, std::string("To: ") + kRecipient,
+              std::string("Subject: ") + kSubject, std::string("X-User-Agent: ") + kUserAgent,
+              "Message-Id: <" + MakeMessageId() + ">"}) {
+            header = curl_slist_append(header, line.c_str());
+        }
+        return header;
+    }
+
+    curl_mime* MakeMime()
+    {
+        curl_mime* const mime = curl_mime_init(m_easy);
+        curl_mimepart* const text = curl_mime_addpart(mime);
+        curl_mime_filedata(text, m_mail.textFile.c_str());
+        curl_mime_filename(text, nullptr);
+        curl_mime_type(text, "text/plain; charset=ISO-8859-1");
+        if (!m_mail.attachmentFile.empty()) {
+            curl_mimepart* const attachment = curl_mime_addpart(mime);
+            curl_mime_filedata(attachment, m_mail.attachmentFile.c_str());
+            curl_mime_type(attachment, "application/octet-stream");
+            curl_mime_encoder(attachment, "base64");
+        }
+        return mime;
+    }
+
+    Mail m_mail;
+    std::string m_url;
+    CURL* m_easy = nullptr;
+};
+
+} // namespace
+
+std::unique_ptr<Peer> MakePeer(const Mail& mail)
+{
+    static const CURLcode initialized = curl_global_init(CURL_GLOBAL_DEFAULT);
+    return initialized == CURLE_OK ? std::make_unique<CurlPeer>(mail) : nullptr;
+}

@@ -1,0 +1,54 @@
+// Sends through the library's ten exports, as a host does: the properties are set once in each thread.
+#include "harness.h"
+
+#include <cstdio>
+#include <utility>
+
+#include <velmail.h>
+
+namespace {
+
+bool Report(const char* call)
+{
+    int code = 0;
+    char text[128] = "";
+    VelMailGetLastError(&code);
+    if (code == 0 && VelMailDisconnect() == 0) { // a failed delivery's code surfaces at the next call
+        VelMailGetLastError(&code);
+    }
+    VelMailGetErrorText(code, text, sizeof text);
+    std::fprintf(stderr, "%s: error %d: %s\n", call, code, text);
+    return false;
+}
+
+class VelMailPeer : public Peer
+{
+public:
+    explicit VelMailPeer(const Mail& mail)
+    {
+        const std::pair<const char*, const char*> properties[] = {
+            {"MailServer", kServer},
+            {"MailServerPort", mail.port.c_str()},
+            {"MailSenderMailBox", kSender},
+            {"MailRecipientsMailBox", kRecipient},
+            {"MailSubject", kSubject},
+            {"MailTextFilename", mail.textFile.c_str()},
+            {"MailAttachmentFilename", mail.attachmentFile.c_str()},
+            {"MailAttachmentMimeType", mail.attachmentFile.empty() ? "" : "application/octet-stream"},
+        };
+        for (const auto& [name, value] : properties) {
+            VelMailSetProperty(name, value);
+        }
+    }
+
+    bool Connect() override { return VelMailConnect() != 0 || Report("VelMailConnect"); }
+    bool Send() override { return VelMailSend() != 0 || Report("VelMailSend"); }
+    bool Disconnect() override { return VelMailDisconnect() != 0 || Report("VelMailDisconnect"); }
+};
+
+} // namespace
+
+std::unique_ptr<Peer> MakePeer(const Mail& mail)
+{
+    return std::make_unique<VelMailPeer>(mail);
+}

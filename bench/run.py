@@ -1,0 +1,445 @@
+"""Runs the benchmark's programs against its sink and prints the results as Markdown tables.
+
+All senders of a table run in turn (A B C D, A B C D, ...), so that whatever else the machine does meets
+them alike. A ratio is the median of the ratios within each turn; the range behind it is the least and the
+greatest. Only loopback is used, every run is bounded, and everything written lies in one temporary folder.
+"""
+
+import argparse
+import base64
+import contextlib
+import json
+import os
+import platform
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+KB = 1024
+MB = 1024 * KB
+GB = 1024 * MB
+PEERS = {"velmail": "VEL mail", "esmtp": "libESMTP alone", "curl": "libcurl", "write": "bare `write()`"}
+SIZES_KB = [1, 2, 3, 4, 8, 16, 30, 64]
+THREADS = [1, 2, 4, 8]
+SENDS = 1000
+GROUP = 100  # of sends compared with each other; as in harness.cpp
+BOUNDARY = b"velmail1234567890"
+
+
+class Extent:
+    """How much is measured. The budgets (seconds for a table) end a table's turns early on a slow machine."""
+
+    def __init__(self, quick):
+        self.rounds = 3 if quick else 5
+        self.large = 64 * MB if quick else 256 * MB
+        self.small_seconds = 0.12 if quick else 0.4
+        self.budgets = dict(large=20, small=20, once=8, threads=12) if quick else dict(
+            large=100, small=90, once=20, threads=70)
+        # (attachment, threads); the sparse one of 2 GB in eight threads is what takes long
+        sizes = [1 * MB, self.large, 2 * GB]
+        self.memory = [(size, threads) for size in sizes for threads in (1, 8)
+                       if not quick or size * threads < 4 * GB]
+        self.limit = 30 if quick else 110  # seconds for one program
+
+
+@contextlib.contextmanager
+def one_processor():
+    """Keeps the programs that are started within on one processor.
+
+    In a dialogue with short mails one side always waits for the other. What it costs to wake it on another
+    processor varies threefold with the machine's load and hides the difference between the senders.
+    """
+    allowed = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {max(allowed)})
+    try:
+        yield
+    finally:
+        os.sched_setaffinity(0, allowed)
+
+
+class Sink:
+    """The server; ends when its standard input closes, however this program ends."""
+
+    def __init__(self, build, *options):
+        self.process = subprocess.Popen([os.path.join(build, "bench_sink"), *options], text=True,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.port = self.process.stdout.readline().strip()
+
+    def totals(self):
+        self.process.stdin.write("\n")
+        self.process.stdin.flush()
+        mails, size = self.process.stdout.readline().split()
+        return int(mails), int(size)
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.wait()
+
+
+class MailFiles:
+    """One mail: its text, its attachment, and the whole of it as the library composes it."""
+
+    def __init__(self, folder, name, text_size, attachment_size=0, sparse=False):
+        self.text, self.attachment, self.composed = (
+            os.path.join(folder, name + end) for end in (".txt", ".bin", ".eml"))
+        text = text_lines(text_size)
+        self.payload = len(text) + encoded_size(attachment_size)
+        write_file(self.text, [text])
+        if attachment_size == 0:
+            self.attachment = ""
+        elif sparse:
+            with open(self.attachment, "wb") as file:
+                file.truncate(attachment_size)
+            self.composed = ""
+            return
+        else:
+            write_file(self.attachment, attachment_blocks(attachment_size))
+        write_file(self.composed, composed_blocks(text, os.path.basename(self.attachment), attachment_size))
+
+
+def text_lines(size):
+    line = b"The quick brown fox jumps over the lazy dog and sends its letter home\r\n"
+    return (line * (size // len(line) + 1))[: size - 2] + b"\r\n"
+
+
+def encoded_size(size):
+    whole = (size + 2) // 3 * 4
+    return whole + (whole + 75) // 76 * 2
+
+
+BLOCK = os.urandom(57 * 4096)  # a whole number of base64 lines
+
+
+def attachment_blocks(size):
+    for _ in range(size // len(BLOCK)):
+        yield BLOCK
+    yield BLOCK[: size % len(BLOCK)]
+
+
+def encode(data):
+    return base64.encodebytes(data).replace(b"\n", b"\r\n")
+
+
+def composed_blocks(text, name, attachment_size):
+    yield (b'Content-Type: multipart/mixed;boundary="%s"\r\n\r\nMIME-Version: 1.0\r\n--%s\r\n'
+           b"Content-Type: text/plain; charset=ISO-8859-1\r\nContent-Transfer-Encoding: 8bit\r\n\r\n"
+           % (BOUNDARY, BOUNDARY)) + text + b"\r\n"
+    if attachment_size > 0:
+        yield (b'--%s\r\nContent-Type: application/octet-stream; name="%s"\r\n'
+               b"Content-Transfer-Encoding: base64\r\n"
+               b'Content-Disposition: inline; filename="%s"\r\n\r\n'
+               % (BOUNDARY, name.encode(), name.encode()))
+        encoded = encode(BLOCK)
+        for _ in range(attachment_size // len(BLOCK)):
+            yield encoded
+        yield encode(BLOCK[: attachment_size % len(BLOCK)]) + b"\r\n"
+    yield b"--%s--\r\n" % BOUNDARY
+
+
+def write_file(name, blocks):
+    with open(name, "wb") as file:
+        for block in blocks:
+            file.write(block)
+
+
+class Bench:
+    def __init__(self, build, folder, extent):
+        self.build, self.folder, self.extent = build, folder, extent
+        self.environment = {name: value for name, value in os.environ.items() if name != "VEL_MAILTRACE"}
+        self.sink = Sink(build)
+        self.chunking = Sink(build, "--chunking")
+        with one_processor():
+            self.near_sink = Sink(build)
+            self.near_pipelining = Sink(build, "--pipelining")
+
+    def close(self):
+        for sink in (self.sink, self.chunking, self.near_sink, self.near_pipelining):
+            sink.close()
+
+    def run(self, peer, mail, sink=None, **options):
+        """Runs one sender and returns what it says of itself, or None when it took too long."""
+        sink = sink or self.sink
+        command = [os.path.join(self.build, "peer_" + peer), "--port", sink.port, "--text", mail.text,
+                   "--composed", mail.composed]
+        if mail.attachment:
+            command += ["--attachment", mail.attachment]
+        if sink is self.chunking:
+            command += ["--chunking", "1"]
+        for name, value in options.items():
+            command += ["--" + name, str(value)]
+        mails, size = sink.totals()
+        try:
+            done = subprocess.run(command, stdout=subprocess.PIPE, text=True, timeout=self.extent.limit,
+                                  env=self.environment)
+        except subprocess.TimeoutExpired:
+            say(f"{peer} took longer than {self.extent.limit} s and was ended")
+            return None
+        if done.returncode != 0:
+            raise SystemExit(f"{peer} failed: {' '.join(command)}")
+        result = json.loads(done.stdout)
+        arrived, arrived_size = (now - then for now, then in zip(sink.totals(), (mails, size)))
+        if arrived != result["mails"] or arrived_size < arrived * mail.payload:
+            raise SystemExit(f"{peer}: {result['mails']} mails sent, {arrived} arrived, {arrived_size} bytes")
+        if arrived > 0:
+            result["rate"] = arrived / result["seconds"]
+            result["work"] = result["processor"] / arrived
+            result["slow"] = 1000 * result["slow"] / arrived
+        return result
+
+    def in_turn(self, budget, cases, rounds=None):
+        """Runs every case once a turn; returns for each key its results, those of turn i at index i."""
+        results = {key: [] for key in cases}
+        end = time.monotonic() + budget
+        for turn in range(rounds or self.extent.rounds):
+            if turn > 0 and time.monotonic() > end:
+                say(f"this machine is slow: {turn} turns must do")
+                break
+            for key, case in cases.items():
+                results[key].append(case())
+        return results
+
+
+def say(text):
+    print(text, file=sys.stderr, flush=True)
+
+
+def median(results, field):
+    values = [result[field] for result in results if result is not None and field in result]
+    return statistics.median(values) if values else None
+
+
+def ratios(ours, theirs, field="rate"):
+    """Ours over theirs, turn by turn."""
+    return [a[field] / b[field] for a, b in zip(ours, theirs) if a and b and a.get(field) and b.get(field)]
+
+
+def ratio_text(values):
+    return f"{statistics.median(values):.2f} ({min(values):.2f}–{max(values):.2f})" if values else "–"
+
+
+def number(value, digits=0):
+    return "–" if value is None else f"{value:,.{digits}f}"
+
+
+def table(head, rows):
+    lines = ["| " + " | ".join(head) + " |", "|---" + "|---:" * (len(head) - 1) + "|"]
+    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
+
+
+class Goals:
+    """What is aimed at, beside what was measured."""
+
+    def __init__(self):
+        self.rows = []
+
+    def at_least(self, what, wanted, values):
+        if values:
+            found = statistics.median(values)
+            held = "yes" if found >= wanted else "no"
+            self.rows.append([what, f"at least {wanted:.2f}", f"{found:.2f}", held])
+
+    def at_most(self, what, wanted, found, unit):
+        if found is not None:
+            held = "yes" if found <= wanted else "no"
+            self.rows.append([what, f"at most {wanted:g} {unit}", f"{found:.2f} {unit}", held])
+
+
+def size_text(size):
+    return f"{size // GB} GB" if size >= GB else f"{size // MB} MB"
+
+
+def large_attachment(bench, goals):
+    size = bench.extent.large
+    mail = MailFiles(bench.folder, "large", 100, size)
+    cases = {}
+    for peer in PEERS:
+        cases[("DATA", peer)] = lambda peer=peer: bench.run(peer, mail)
+    for peer in ("velmail", "esmtp", "write"):  # libcurl does not know CHUNKING
+        cases[("CHUNKING", peer)] = lambda peer=peer: bench.run(peer, mail, bench.chunking)
+    results = bench.in_turn(bench.extent.budgets["large"], cases)
+    os.remove(mail.composed)
+
+    rows = []
+    for (way, peer), found in results.items():
+        seconds = median(found, "seconds")
+        ours = results[(way, "velmail")]
+        rows.append([f"{way}, {PEERS[peer]}", number(seconds, 2), number(seconds and size / MB / seconds),
+                     number(median(found, "processor"), 2),
+                     "" if peer == "velmail" else ratio_text(ratios(ours, found)),
+                     "" if peer == "velmail" else ratio_text(ratios(found, ours, "work"))])
+    data, chunks = results[("DATA", "velmail")], results[("CHUNKING", "velmail")]
+    for way in ("DATA", "CHUNKING"):
+        goals.at_least(f"{size_text(size)}, {way}: speed over libESMTP alone", 0.95,
+                       ratios(results[(way, "velmail")], results[(way, "esmtp")]))
+    goals.at_least(f"{size_text(size)}, DATA: speed over libcurl", 4, ratios(data, results[("DATA", "curl")]))
+    goals.at_least(f"{size_text(size)}: speed with CHUNKING over DATA", 1, ratios(chunks, data))
+    return f"### One file attachment of {size_text(size)}\n\n" + table(
+        ["dialogue, sender", "seconds", "MB/s", "processor seconds", "VEL mail / sender: speed",
+         "VEL mail / sender: data for each processor second"], rows) + (
+        f"\n\nVEL mail, CHUNKING / DATA: speed {ratio_text(ratios(chunks, data))}.")
+
+
+def small_mails(bench, goals):
+    seconds = bench.extent.small_seconds
+    mails = {size: MailFiles(bench.folder, f"text{size}", size * KB) for size in SIZES_KB}
+    kinds = {f"{size} KB": (mail, bench.near_sink) for size, mail in mails.items()}
+    kinds["3 KB, PIPELINING offered"] = (mails[3], bench.near_pipelining)
+    cases = {(kind, peer): lambda peer=peer, mail=mail, sink=sink: bench.run(
+        peer, mail, sink, mails=1000000, seconds=seconds)
+        for kind, (mail, sink) in kinds.items() for peer in PEERS}
+    with one_processor():
+        results = bench.in_turn(bench.extent.budgets["small"], cases)
+
+    rows = []
+    for kind in kinds:
+        ours = results[(kind, "velmail")]
+        others = [results[(kind, peer)] for peer in PEERS if peer != "velmail"]
+        rows.append([kind, number(1e6 / median(ours, "rate"))] +
+                    [number(median(results[(kind, peer)], "rate")) for peer in PEERS] +
+                    [ratio_text(ratios(ours, other)) for other in others] +
+                    [ratio_text(ratios(ours, results[(kind, "esmtp")], "work")), slow_text(results, kind)])
+    for kind in ("1 KB", "3 KB", "30 KB"):
+        for peer, wanted in (("esmtp", 0.9), ("curl", 1)):
+            goals.at_least(f"mail of {kind}: mails a second over {PEERS[peer]}", wanted,
+                           ratios(results[(kind, "velmail")], results[(kind, peer)]))
+    goals.at_most("longest step between two neighbouring sizes from 1 to 64 KB", 1000,
+                  longest_step(results), "µs a mail")
+    return "### Connect, one mail, disconnect, in a row\n\n" + table(
+        ["text of", "VEL mail, µs a mail"] + [f"{name}, mails/s" for name in PEERS.values()] +
+        [f"VEL mail / {name}" for peer, name in PEERS.items() if peer != "velmail"] +
+        ["VEL mail / libESMTP alone: processor time a mail",
+         "mails of 35 ms and more, of 1,000: VEL mail / libESMTP alone"], rows)
+
+
+def slow_text(results, kind):
+    """How many of a thousand mails waited for an acknowledgement, here and with libESMTP alone."""
+    return " / ".join(number(median(results[(kind, peer)], "slow"), 1) for peer in ("velmail", "esmtp"))
+
+
+def longest_step(results):
+    """What a mail costs more than one of the next smaller size, at most, in microseconds."""
+    times = [1e6 / median(results[(f"{size} KB", "velmail")], "rate") for size in SIZES_KB]
+    return max(after - before for before, after in zip(times, times[1:]))
+
+
+def one_connection(bench, goals):
+    mail = MailFiles(bench.folder, "once", 3 * KB)
+    cases = {peer: lambda peer=peer: bench.run(
+        peer, mail, bench.near_sink, mails=SENDS, seconds=4, connect="once") for peer in PEERS}
+    # What one earlier send adds is small: more turns, so that it stands out from what else the machine does.
+    with one_processor():
+        results = bench.in_turn(bench.extent.budgets["once"], cases, 3 * bench.extent.rounds)
+
+    rows = []
+    for peer, found in results.items():
+        first, last = median(found, "first_us"), median(found, "last_us")
+        rows.append([PEERS[peer], number(median(found, "rate")), number(first, 1), number(last, 1),
+                     number(added(found, "first_us", "last_us", 1000)),
+                     number(added(found, "resident_early_kb", "resident_late_kb", KB)),
+                     "" if peer == "velmail" else ratio_text(ratios(results["velmail"], found))])
+    goals.at_least(f"{SENDS:,} sends on one connection: mails a second over libESMTP alone", 0.9,
+                   ratios(results["velmail"], results["esmtp"]))
+    return f"### One connection, {SENDS:,} sends of 3 KB\n\n" + table(
+        ["sender", "mails/s", f"first {GROUP}: µs a send", f"last {GROUP}: µs a send",
+         "each earlier send adds, ns", "each earlier send adds, bytes", "VEL mail / sender: mails/s"], rows)
+
+
+def added(found, early, late, unit):
+    """What each earlier send adds, in units of `unit` to one, median over the turns."""
+    values = [(result[late] - result[early]) * unit / (SENDS - GROUP) for result in found
+              if result and late in result and result["mails"] == SENDS]
+    return statistics.median(values) if values else None
+
+
+def several_threads(bench, goals):
+    mail = MailFiles(bench.folder, "threads", 3 * KB)
+    cases = {(threads, peer): lambda threads=threads, peer=peer: bench.run(
+        peer, mail, mails=1000000, seconds=bench.extent.small_seconds, threads=threads)
+        for threads in THREADS for peer in PEERS}
+    results = bench.in_turn(bench.extent.budgets["threads"], cases)
+
+    rows = []
+    for threads in THREADS:
+        ours = results[(threads, "velmail")]
+        others = [results[(threads, peer)] for peer in PEERS if peer != "velmail"]
+        rows.append([str(threads)] + [number(median(results[(threads, peer)], "rate")) for peer in PEERS] +
+                    [ratio_text(ratios(ours, other)) for other in others] +
+                    [ratio_text(ratios(ours, results[(threads, "esmtp")], "work")),
+                     slow_text(results, threads)])
+        for peer, wanted in (("esmtp", 0.9), ("curl", 1)):
+            if threads > 1:
+                goals.at_least(f"{threads} threads: mails a second over {PEERS[peer]}", wanted,
+                               ratios(ours, results[(threads, peer)]))
+    goals.at_most(f"{THREADS[-1]} threads: mails of 35 ms and more", 0.5,
+                  median(results[(THREADS[-1], "velmail")], "slow"), "of 1,000")
+    return "### Several threads, each connect, one mail of 3 KB, disconnect\n\n" + table(
+        ["threads"] + [f"{name}, mails/s" for name in PEERS.values()] +
+        [f"VEL mail / {name}" for peer, name in PEERS.items() if peer != "velmail"] +
+        ["VEL mail / libESMTP alone: processor time a mail",
+         "mails of 35 ms and more, of 1,000: VEL mail / libESMTP alone"], rows)
+
+
+def peak_memory(bench, goals):
+    rows = []
+    worst = None
+    for size in sorted({size for size, _ in bench.extent.memory}):
+        mail = MailFiles(bench.folder, "memory", 100, size, sparse=True)
+        row = [size_text(size)]
+        for threads in (1, 8):
+            above = above_idle(bench, mail, threads) if (size, threads) in bench.extent.memory else None
+            row += [number(above, 2), number(above and above / threads, 2)]
+            if above is not None:
+                worst = max(worst or 0, above / threads)
+        rows.append(row)
+        os.remove(mail.attachment)
+    goals.at_most("peak resident memory above an idle process, for each thread", 1, worst, "MB")
+    return "### Peak resident memory above an idle process, MB\n\n" + table(
+        ["attachment in each mail", "1 thread", "for each thread", "8 threads", "for each thread"], rows)
+
+
+def above_idle(bench, mail, threads):
+    idle = statistics.median(
+        bench.run("velmail", mail, mails=0, threads=threads)["peak_kb"] for _ in range(3))
+    sending = bench.run("velmail", mail, mails=1, threads=threads)
+    return (sending["peak_kb"] - idle) / KB if sending else None
+
+
+def machine():
+    model = platform.processor()
+    with open("/proc/cpuinfo", encoding="ascii") as file:
+        model = next((line.split(":")[1].strip() for line in file if line.startswith("model name")), model)
+    versions = [subprocess.run(["pkg-config", "--modversion", package], stdout=subprocess.PIPE,
+                               text=True).stdout.strip() for package in ("libesmtp-1.0", "libcurl")]
+    return (f"{time.strftime('%Y-%m-%d')}, {os.cpu_count()} processors ({model}), "
+            f"Linux {platform.release()}, libESMTP {versions[0]}, libcurl {versions[1]}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Measures VEL mail beside other senders, on loopback only.")
+    parser.add_argument("--build", required=True, help="the build folder of the benchmark's programs")
+    parser.add_argument("--quick", action="store_true", help="a smaller run")
+    arguments = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+
+    start = time.monotonic()
+    extent = Extent(arguments.quick)
+    goals = Goals()
+    command = "scripts/bench --quick" if arguments.quick else "scripts/bench"
+    print(f"{machine()}; `{command}`, {extent.rounds} turns, medians.\n", flush=True)
+    with tempfile.TemporaryDirectory(prefix="velmail-bench-") as folder:
+        bench = Bench(arguments.build, folder, extent)
+        try:
+            for measure in (large_attachment, small_mails, one_connection, several_threads, peak_memory):
+                say(f"{time.monotonic() - start:4.0f} s  {measure.__name__.replace('_', ' ')}")
+                print(measure(bench, goals) + "\n", flush=True)
+        finally:
+            bench.close()
+    print("### Goals\n\n" + table(["goal", "wanted", "measured", "held"], goals.rows))
+    say(f"{time.monotonic() - start:4.0f} s  done")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,263 @@
+// A fast SMTP server for measurements: takes every mail at once, stores nothing, counts mails and bytes.
+//
+// bench_sink [--chunking] [--pipelining]
+//
+// Listens on a free port of 127.0.0.1 and prints it as its first line. Each line on standard input is
+// answered with "mails bytes", the totals so far; the end of standard input ends the program. A fixed pool of
+// threads serves one connection each; more of them wait. Sockets keep the system's defaults, so that no
+// sender is favoured.
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kWorkers = 32;
+constexpr std::size_t kBufferSize = 262144;
+constexpr std::string_view kEnd = "\r\n.\r\n";
+
+struct Totals
+{
+    std::atomic<std::uint64_t> mails = 0;
+    std::atomic<std::uint64_t> bytes = 0; // of message data, final dot included
+};
+
+struct Extensions
+{
+    bool chunking = false;
+    bool pipelining = false;
+};
+
+bool StartsWith(std::string_view line, std::string_view verb)
+{
+    return line.size() >= verb.size() && strncasecmp(line.data(), verb.data(), verb.size()) == 0;
+}
+
+// Where the message ends in `text`: behind its final dot, or npos. Encoded data holds no dots, so looking for
+// one is the fast way.
+std::size_t FindEnd(std::string_view text)
+{
+    for (std::size_t dot = text.find('.'); dot != std::string_view::npos; dot = text.find('.', dot + 1)) {
+        if (dot >= 2 && text.substr(dot - 2, kEnd.size()) == kEnd) {
+            return dot - 2 + kEnd.size();
+        }
+    }
+    return std::string_view::npos;
+}
+
+class Dialogue
+{
+public:
+    Dialogue(int socket, const Extensions& extensions, Totals& totals, char* buffer)
+        : m_socket(socket), m_extensions(extensions), m_totals(totals), m_buffer(buffer)
+    {
+    }
+
+    void Run()
+    {
+        Reply("220 sink\r\n");
+        while (m_open) {
+            const std::string_view line = ReadLine();
+            if (m_open) {
+                Obey(line);
+            }
+        }
+        Flush();
+    }
+
+private:
+    void Reply(std::string_view text) { m_replies += text; }
+
+    // Replies go out together once every command that has come is answered: one by one, those to pipelined
+    // commands would wait for the sender's delayed acknowledgement.
+    void Flush()
+    {
+        if (!m_replies.empty()) {
+            const ssize_t sent = send(m_socket, m_replies.data(), m_replies.size(), MSG_NOSIGNAL);
+            m_open = m_open && sent == static_cast<ssize_t>(m_replies.size());
+            m_replies.clear();
+        }
+    }
+
+    [[nodiscard]] std::string_view Unread() const { return {m_buffer + m_begin, m_end - m_begin}; }
+
+    // Receives more behind what is unread, which moves to the front of the buffer.
+    void Receive()
+    {
+        Flush();
+        const std::size_t kept = m_end - m_begin;
+        std::memmove(m_buffer, m_buffer + m_begin, kept);
+        const ssize_t count = recv(m_socket, m_buffer + kept, kBufferSize - kept, 0);
+        m_begin = 0;
+        m_end = kept + static_cast<std::size_t>(count > 0 ? count : 0);
+        m_open = m_open && count > 0;
+    }
+
+    std::string_view ReadLine()
+    {
+        std::size_t length = Unread().find('\n');
+        while (length == std::string_view::npos && m_open) {
+            Receive();
+            length = Unread().find('\n');
+        }
+        if (!m_open) {
+            return {};
+        }
+        const std::string_view line = Unread().substr(0, length + 1);
+        m_begin += line.size();
+        return line;
+    }
+
+    void Obey(std::string_view line)
+    {
+        if (StartsWith(line, "EHLO")) {
+            std::string reply = "250-sink\r\n";
+            reply += m_extensions.chunking ? "250-CHUNKING\r\n" : "";
+            reply += m_extensions.pipelining ? "250-PIPELINING\r\n" : "";
+            Reply(reply + "250 8BITMIME\r\n");
+        } else if (StartsWith(line, "DATA")) {
+            Reply("354 go on\r\n");
+            TakeData(line.ends_with("\r\n"));
+        } else if (m_extensions.chunking && StartsWith(line, "BDAT ")) {
+            TakeChunk(line);
+        } else if (StartsWith(line, "QUIT")) {
+            Reply("221 bye\r\n");
+            m_open = false;
+        } else {
+            const bool known = StartsWith(line, "HELO") || StartsWith(line, "MAIL FROM:") ||
+                               StartsWith(line, "RCPT TO:") || StartsWith(line, "RSET");
+            Reply(known ? "250 ok\r\n" : "500 unknown\r\n");
+        }
+    }
+
+    // The line end of the DATA command is still there and stands before the first line of the message.
+    void TakeData(bool endsInCrLf)
+    {
+        const std::size_t before = endsInCrLf ? 2 : 0;
+        m_begin -= before;
+        std::uint64_t taken = 0;
+        std::size_t end = FindEnd(Unread());
+        while (end == std::string_view::npos && m_open) {
+            const std::size_t kept = std::min(Unread().size(), kEnd.size() - 1); // the end may have begun
+            taken += Unread().size() - kept;
+            m_begin = m_end - kept;
+            Receive();
+            end = FindEnd(Unread());
+        }
+        if (m_open) {
+            m_begin += end;
+            CountBytes(taken + end - before);
+            CountMail();
+            Reply("250 taken\r\n");
+        }
+    }
+
+    void TakeChunk(std::string_view line)
+    {
+        std::uint64_t size = 0;
+        const char* const digits = line.data() + std::strlen("BDAT ");
+        const char* const lineEnd = line.data() + line.size();
+        const auto parsed = std::from_chars(digits, lineEnd, size);
+        const std::string_view rest(parsed.ptr, static_cast<std::size_t>(lineEnd - parsed.ptr));
+        const bool last = StartsWith(rest, " LAST"); // before the buffer is received into again
+
+        std::uint64_t missing = size;
+        while (missing > 0 && m_open) {
+            if (Unread().empty()) {
+                Receive();
+            }
+            const std::size_t count = std::min<std::uint64_t>(Unread().size(), missing);
+            m_begin += count;
+            missing -= count;
+        }
+        if (m_open) {
+            CountBytes(size);
+            if (last) {
+                CountMail();
+            }
+            Reply("250 taken\r\n");
+        }
+    }
+
+    void CountBytes(std::uint64_t count) { m_totals.bytes += count; }
+    void CountMail() { ++m_totals.mails; }
+
+    int m_socket;
+    const Extensions& m_extensions;
+    Totals& m_totals;
+    char* m_buffer;
+    std::string m_replies;
+    std::size_t m_begin = 0;
+    std::size_t m_end = 0;
+    bool m_open = true;
+};
+
+// Accepts and serves for ever. The server closes first, as real ones do: the connection's waiting time after
+// its end then does not use up the senders' ports.
+void Serve(int listener, const Extensions& extensions, Totals& totals)
+{
+    const auto buffer = std::make_unique<char[]>(kBufferSize);
+    while (true) {
+        const int socket = accept(listener, nullptr, nullptr);
+        if (socket >= 0) {
+            Dialogue(socket, extensions, totals, buffer.get()).Run();
+            close(socket);
+        }
+    }
+}
+
+// A listening socket on a free port of 127.0.0.1.
+int Listen(int& port)
+{
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* const name = reinterpret_cast<sockaddr*>(&address);
+    if (listener < 0 || bind(listener, name, length) != 0 || listen(listener, SOMAXCONN) != 0 ||
+        getsockname(listener, name, &length) != 0) {
+        std::perror("bench_sink");
+        std::exit(1);
+    }
+    port = ntohs(address.sin_port);
+    return listener;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Extensions extensions;
+    for (int i = 1; i < argc; ++i) {
+        extensions.chunking = extensions.chunking || std::string_view(argv[i]) == "--chunking";
+        extensions.pipelining = extensions.pipelining || std::string_view(argv[i]) == "--pipelining";
+    }
+    Totals totals;
+    int port = 0;
+    const int listener = Listen(port);
+    for (int i = 0; i < kWorkers; ++i) {
+        std::thread(Serve, listener, std::cref(extensions), std::ref(totals)).detach();
+    }
+    std::cout << port << std::endl;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        std::cout << totals.mails << ' ' << totals.bytes << std::endl;
+    }
+    std::_Exit(0); // the workers are still there
+}
