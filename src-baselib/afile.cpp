@@ -9,7 +9,7 @@
 
 namespace {
 constexpr int kFileError = 121;
-constexpr std::size_t kReadAhead = 65536;
+constexpr std::size_t kReadAhead = 16384;
 constexpr std::size_t kLargestTransfer = std::numeric_limits<std::uint32_t>::max();
 constexpr int kFromBegin = 0;
 constexpr int kFromCurrent = 1;

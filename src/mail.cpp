@@ -26,9 +26,12 @@ public:
             return ReportError("The file %s cannot be opened: %s.", GetFileName().CStr());
         }
         char byte = 0;
-        std::size_t count = 0;
-        if (!Read(&byte, 1, 1, count)) {
-            return false;
+        std::uint32_t count = 1;
+        int error = 0;
+        if (!platform::ReadFile(Handle(), &byte, count,
+                                error)) { // one byte tells; reading ahead would be wasted
+            SetLastSystemError(error);
+            return ReportError("Cannot read the file %s: %s.", GetFileName().CStr());
         }
         size = GetLength();
         if (size == 0 && count > 0) {
