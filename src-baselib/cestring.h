@@ -56,8 +56,6 @@ public:
     [[nodiscard]] std::size_t GetCapacity() const { return static_cast<std::size_t>(m_capacity); }
     // Never null.
     [[nodiscard]] const char* CStr() const { return m_buffer ? m_buffer.get() : ""; }
-    // The text, or null when it is empty: what the trace prints as "(null)".
-    [[nodiscard]] const char* CStrOrNull() const { return m_length == 0 ? nullptr : m_buffer.get(); }
     [[nodiscard]] std::string_view View() const { return {CStr(), GetLength()}; }
 
     friend bool operator==(const CEString& left, const CEString& right)

@@ -56,13 +56,13 @@ CTraceFile::CTraceFile(const char* jobName, const char* buildText, const char* v
         m_threadId = threadId;
     }
 
-    const CEString specification = std::strcmp(variable, kBuiltInVariable) == 0
-                                       ? CEString(buildText)
-                                       : platform::EnvironmentVariable(variable);
-    const std::size_t semicolon = specification.View().find(';');
-    m_configuredName = CEString(specification.View().substr(0, semicolon));
+    const CEString setting = std::strcmp(variable, kBuiltInVariable) == 0
+                                 ? CEString(buildText)
+                                 : platform::EnvironmentVariable(variable);
+    const std::size_t semicolon = setting.View().find(';');
+    m_configuredName = CEString(setting.View().substr(0, semicolon));
     if (semicolon != std::string_view::npos) {
-        m_level = CEString(specification.View().substr(semicolon + 1));
+        m_level = CEString(setting.View().substr(semicolon + 1));
     }
 }
 

@@ -13,10 +13,10 @@
 class CTraceFile : public AFile
 {
 public:
-    // The variable name for which the second text is the file specification and the environment is not read.
+    // The variable name for which the second text is the setting and the environment is not read.
     static constexpr const char* kBuiltInVariable = "VEL_JMTRACE";
 
-    // The specification is a file name, optionally followed by ";" and a level.
+    // The setting is a file name, optionally followed by ";" and a level.
     CTraceFile(const char* jobName, const char* buildText, const char* variable, std::uint32_t threadId);
     ~CTraceFile() override;
 

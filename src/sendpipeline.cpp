@@ -65,7 +65,7 @@ private:
     void BuildContentType(CMail& mail);
     bool BuildBulkMail(CMail& mail);
     bool CheckAddress(const CEString& mailbox, const char* beginning);
-    bool RejectMissingService();
+    void RejectMissingService();
     int Deliver(CMail& mail);
     void ReportResult(int result);
 
@@ -336,13 +336,12 @@ bool CSendPipeline::BuildBulkMail(CMail& mail)
     return true;
 }
 
-bool CSendPipeline::RejectMissingService()
+void CSendPipeline::RejectMissingService()
 {
     static constexpr const char* kLine = "Error: Not enough memory. Mail service not found.";
     m_frame.Error().Error("%s", kLine);
     m_job.Error("%s", kLine);
     RaiseError(kNotEnoughMemory, "Not enough memory.");
-    return false;
 }
 
 int CSendPipeline::Deliver(CMail& mail)
