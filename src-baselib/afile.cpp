@@ -109,6 +109,13 @@ bool AFile::Read(void* buffer, std::size_t size, std::size_t count)
     return RawRead(buffer, size, count, countRead);
 }
 
+const char* AFile::Lend(std::size_t& count, std::size_t unit)
+{
+    count = std::min(count, Unread()) / unit * unit;
+    m_aheadStart += count;
+    return count == 0 ? nullptr : m_ahead.get() + m_aheadStart - count;
+}
+
 bool AFile::Write(const void* buffer, std::size_t size, std::size_t count)
 {
     return RawWrite(buffer, size, count);

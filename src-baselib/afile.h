@@ -40,6 +40,9 @@ public:
     // end.
     virtual bool Read(void* buffer, std::size_t size, std::size_t count, std::size_t& countRead);
     virtual bool Read(void* buffer, std::size_t size, std::size_t count);
+    // Reads at most `count` bytes, a multiple of `unit`, of what the read-ahead holds, where they lie: valid
+    // until the next operation. Null, and `count` is 0, when it does not hold a unit.
+    [[nodiscard]] const char* Lend(std::size_t& count, std::size_t unit);
     virtual bool Write(const void* buffer, std::size_t size, std::size_t count);
     virtual bool Flush() { return true; }
     virtual bool WriteString(const char* text, bool addLineEnd);

@@ -17,6 +17,13 @@ public:
     virtual ~IOElement() = default;
     // `length` is the room on entry and the bytes read on return, 0 at the end of the data.
     virtual bool Read(void* buffer, std::int32_t& length) = 0;
+    // Reads without a copy what lies ready: the address of the next bytes, valid until the next operation.
+    // `length` is the most that is wanted on entry and what was read on return, a multiple of `unit`. Null,
+    // and nothing is read, when not even one unit lies ready; Read delivers it then.
+    [[nodiscard]] virtual const char* Lend(std::int32_t& /*length*/, std::int32_t /*unit*/)
+    {
+        return nullptr;
+    }
     virtual bool Write(const void* buffer, std::int32_t length) = 0;
     // The mark is a second read position, independent of the first.
     virtual bool SetMark() = 0;

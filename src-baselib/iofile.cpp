@@ -27,6 +27,17 @@ bool IOFile::Read(void* buffer, std::int32_t& length)
     return ReadFrom(m_file, buffer, length);
 }
 
+const char* IOFile::Lend(std::int32_t& length, std::int32_t unit)
+{
+    if (length < unit || unit <= 0) {
+        return nullptr;
+    }
+    auto count = static_cast<std::size_t>(length);
+    const char* const bytes = m_file.Lend(count, static_cast<std::size_t>(unit));
+    length = static_cast<std::int32_t>(count);
+    return bytes;
+}
+
 bool IOFile::Write(const void* buffer, std::int32_t length)
 {
     if (buffer == nullptr || length < 0) {

@@ -9,6 +9,7 @@ class IOFile : public IOElement
 {
 public:
     bool Read(void* buffer, std::int32_t& length) override;
+    [[nodiscard]] const char* Lend(std::int32_t& length, std::int32_t unit) override;
     bool Write(const void* buffer, std::int32_t length) override;
     bool SetMark() override;
     bool ReadAtMark(void* buffer, std::int32_t& length) override;

@@ -5,10 +5,10 @@
 #include <cstdint>
 
 #include "src-baselib/cestring.h"
+#include "src/iofilter.h"
 
 class CMail;
 class CMailAttachment;
-class IOElement;
 
 enum class CompositionPhase : std::int32_t
 {
@@ -31,7 +31,14 @@ struct CompositionState
     bool attachmentHeaderSent = false;
     IOElement* attachmentStream = nullptr; // the current attachment's
     CEString overflow;                     // what did not fit the buffer and goes out first
-    char buffer[kCapacity + 1] = "";       // the chunk given out; valid until the next call
+    CBase64FilterIo attachmentLines;       // over that stream
+    char ownBuffer[kCapacity + 1] = "";
+
+    // Where the next chunk is written, kCapacity + 1 bytes; it is valid until the next call.
+    char* buffer = ownBuffer;
+    // A caller whose buffer has room may take as many lines of an attachment at once as fit in these bytes.
+    std::int32_t lineRoom = kOneLine;
+    static constexpr std::int32_t kOneLine = 79;
 };
 
 struct WholeTextState

@@ -33,6 +33,8 @@ public:
 
     using IOFilter::IOFilter;
     bool Read(void* buffer, std::int32_t& length) override;
+    // The same lines, as many at once as lie ready in the source and fit in `length` bytes, at least 79.
+    bool ReadLines(char* buffer, std::int32_t& length);
 };
 
 // Delivers text with CR LF line ends, wherever the chunks are cut. A CR without LF passes unchanged.

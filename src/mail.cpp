@@ -64,6 +64,17 @@ bool CCheckedFile::Read(void* buffer, std::int32_t& length)
     return read;
 }
 
+const char* CCheckedFile::Lend(std::int32_t& length, std::int32_t unit)
+{
+    if (m_checkedSize < 0) {
+        return IOFile::Lend(length, unit);
+    }
+    length = static_cast<std::int32_t>(std::min<std::int64_t>(length, m_rest));
+    const char* const bytes = IOFile::Lend(length, unit);
+    m_rest -= bytes != nullptr ? length : 0;
+    return bytes;
+}
+
 bool CMailDocument::CheckFile()
 {
     CProbeFile probe;

@@ -19,6 +19,7 @@ public:
     // Begins a pass from the start. False, and reported, when the file cannot be opened.
     bool Begin();
     bool Read(void* buffer, std::int32_t& length) override;
+    [[nodiscard]] const char* Lend(std::int32_t& length, std::int32_t unit) override;
     // Whether the pass read without failure all that the check saw.
     [[nodiscard]] bool IsDelivered() const { return !m_failed && m_rest <= 0; }
     // -1: there was no check, the file's end is its end.

@@ -74,12 +74,22 @@ const char* CMessageFeed::Next(smtp_messagecb_t compose, CMail* job, int& length
     if (HasStalled()) {
         return GiveUp(ETIMEDOUT);
     }
+    ThreadComposition* const composition = CurrentComposition();
     int used = 0;
-    while (!m_ended && kBufferSize - used >= CompositionState::kCapacity) {
+    while (!m_ended && kBufferSize - used > CompositionState::kCapacity) {
         void* context = nullptr;
         int piece = 0;
         errno = 0;
+        char* const place = m_buffer.get() + used;
+        if (composition != nullptr) { // composed in place, the lines of attachments are copied once less
+            composition->message.buffer = place;
+            composition->message.lineRoom = kBufferSize - used;
+        }
         const char* const chunk = compose(&context, &piece, job);
+        if (composition != nullptr) {
+            composition->message.buffer = composition->message.ownBuffer;
+            composition->message.lineRoom = CompositionState::kOneLine;
+        }
         if (chunk == nullptr && errno != 0) {
             m_failure = errno; // what was gathered still goes out, as unfinished as it is
             break;
@@ -89,7 +99,9 @@ const char* CMessageFeed::Next(smtp_messagecb_t compose, CMail* job, int& length
             return GiveUp(EIO);
         }
         if (!m_ended) {
-            std::memcpy(m_buffer.get() + used, chunk, static_cast<std::size_t>(piece));
+            if (chunk != place) {
+                std::memcpy(place, chunk, static_cast<std::size_t>(piece));
+            }
             used += piece;
         }
     }

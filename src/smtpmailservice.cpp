@@ -258,13 +258,14 @@ const char* ComposeAttachment(CompositionState& state, int& length)
     CMailAttachment& attachment = *state.job->Attachments().At(state.attachmentIndex);
     if (!state.attachmentHeaderSent && state.attachmentStream == nullptr) {
         state.attachmentStream = attachment.OpenStream();
+        state.attachmentLines.SetInner(state.attachmentStream);
     }
     if (state.attachmentStream == nullptr) {
         return FailComposition(state, kAttachmentError, kCannotRead);
     }
     // The line is written where it is given out from; only the first one still needs its header in front.
-    std::int32_t count = CBase64FilterIo::kLineCapacity;
-    CBase64FilterIo(state.attachmentStream).Read(state.buffer, count);
+    std::int32_t count = state.attachmentHeaderSent ? state.lineRoom : CompositionState::kOneLine;
+    state.attachmentLines.ReadLines(state.buffer, count);
     if (count > 0 && state.attachmentHeaderSent) {
         return GiveOut(state, length, count);
     }
