@@ -1,7 +1,7 @@
 // The program around each sender of the benchmark.
 //
 // peer_NAME --port N --text FILE [--attachment FILE] --composed FILE [--chunking 1]
-//           [--threads N] [--mails N] [--seconds S] [--connect each|once]
+//           [--memory 1] [--threads N] [--mails N] [--seconds S] [--connect each|once]
 //
 // Each thread sends N mails, or fewer when the time is over: with a connection for each mail ("each"), or all
 // within one ("once"). Prints one line of JSON: mails, seconds, processor seconds, peak resident memory, for
@@ -232,8 +232,12 @@ int main(int argc, char** argv)
         return options.contains(name) ? std::strtod(options[name].c_str(), nullptr) : otherwise;
     };
     Plan plan;
-    plan.mail = {options["--port"], options["--text"], options["--attachment"], options["--composed"],
-                 number("--chunking", 0) != 0};
+    plan.mail = {options["--port"],
+                 options["--text"],
+                 options["--attachment"],
+                 options["--composed"],
+                 number("--chunking", 0) != 0,
+                 number("--memory", 0) != 0};
     plan.threads = static_cast<int>(number("--threads", 1));
     plan.mails = static_cast<std::size_t>(number("--mails", 1));
     plan.seconds = number("--seconds", plan.seconds);

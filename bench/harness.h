@@ -19,6 +19,7 @@ struct Mail
     std::string attachmentFile; // empty: none
     std::string composedFile;   // the same mail as the library composes it, for senders that compose nothing
     bool chunking = false;      // the server offers CHUNKING; for the sender that does not ask
+    bool textInMemory = false;  // the sender has read the text file before it begins
 };
 
 // Sends one mail again and again. Each thread has its own and makes it itself.

@@ -14,6 +14,9 @@ public:
     explicit CurlPeer(const Mail& mail) : m_mail(mail), m_url("smtp://")
     {
         m_url.append(kServer).append(":").append(mail.port);
+        if (mail.textInMemory) {
+            m_text = ReadWholeFile(mail.textFile);
+        }
     }
 
     bool Connect() override
@@ -68,8 +71,12 @@ private:
     {
         curl_mime* const mime = curl_mime_init(m_easy);
         curl_mimepart* const text = curl_mime_addpart(mime);
-        curl_mime_filedata(text, m_mail.textFile.c_str());
-        curl_mime_filename(text, nullptr);
+        if (m_mail.textInMemory) {
+            curl_mime_data(text, m_text.data(), m_text.size());
+        } else {
+            curl_mime_filedata(text, m_mail.textFile.c_str());
+            curl_mime_filename(text, nullptr);
+        }
         curl_mime_type(text, "text/plain; charset=ISO-8859-1");
         if (!m_mail.attachmentFile.empty()) {
             curl_mimepart* const attachment = curl_mime_addpart(mime);
@@ -81,6 +88,7 @@ private:
     }
 
     Mail m_mail;
+    std::string m_text;
     std::string m_url;
     CURL* m_easy = nullptr;
 };

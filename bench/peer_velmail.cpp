@@ -1,6 +1,7 @@
 // Sends through the library's ten exports, as a host does: the properties are set once in each thread.
 #include "harness.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <utility>
 
@@ -26,13 +27,19 @@ class VelMailPeer : public Peer
 public:
     explicit VelMailPeer(const Mail& mail)
     {
+        if (mail.textInMemory) {
+            m_text = ReadWholeFile(mail.textFile);
+            const std::string block = std::to_string(reinterpret_cast<std::uintptr_t>(m_text.data())) + ";" +
+                                      std::to_string(m_text.size());
+            VelMailSetProperty("MailTextMemoryAddress", block.c_str());
+        }
         const std::pair<const char*, const char*> properties[] = {
             {"MailServer", kServer},
             {"MailServerPort", mail.port.c_str()},
             {"MailSenderMailBox", kSender},
             {"MailRecipientsMailBox", kRecipient},
             {"MailSubject", kSubject},
-            {"MailTextFilename", mail.textFile.c_str()},
+            {"MailTextFilename", mail.textInMemory ? "" : mail.textFile.c_str()},
             {"MailAttachmentFilename", mail.attachmentFile.c_str()},
             {"MailAttachmentMimeType", mail.attachmentFile.empty() ? "" : "application/octet-stream"},
         };
@@ -44,6 +51,9 @@ public:
     bool Connect() override { return VelMailConnect() != 0 || Report("VelMailConnect"); }
     bool Send() override { return VelMailSend() != 0 || Report("VelMailSend"); }
     bool Disconnect() override { return VelMailDisconnect() != 0 || Report("VelMailDisconnect"); }
+
+private:
+    std::string m_text;
 };
 
 } // namespace

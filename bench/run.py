@@ -285,11 +285,12 @@ def large_attachment(bench, goals):
 def small_mails(bench, goals):
     seconds = bench.extent.small_seconds
     mails = {size: MailFiles(bench.folder, f"text{size}", size * KB) for size in SIZES_KB}
-    kinds = {f"{size} KB": (mail, bench.near_sink) for size, mail in mails.items()}
-    kinds["3 KB, PIPELINING offered"] = (mails[3], bench.near_pipelining)
-    cases = {(kind, peer): lambda peer=peer, mail=mail, sink=sink: bench.run(
-        peer, mail, sink, mails=1000000, seconds=seconds)
-        for kind, (mail, sink) in kinds.items() for peer in PEERS}
+    kinds = {f"{size} KB": (mail, bench.near_sink, 1) for size, mail in mails.items()}
+    kinds["3 KB, text from a file"] = (mails[3], bench.near_sink, 0)
+    kinds["3 KB, PIPELINING offered"] = (mails[3], bench.near_pipelining, 1)
+    cases = {(kind, peer): lambda peer=peer, mail=mail, sink=sink, memory=memory: bench.run(
+        peer, mail, sink, mails=1000000, seconds=seconds, memory=memory)
+        for kind, (mail, sink, memory) in kinds.items() for peer in PEERS}
     with one_processor():
         results = bench.in_turn(bench.extent.budgets["small"], cases)
 
@@ -328,7 +329,7 @@ def longest_step(results):
 def one_connection(bench, goals):
     mail = MailFiles(bench.folder, "once", 3 * KB)
     cases = {peer: lambda peer=peer: bench.run(
-        peer, mail, bench.near_sink, mails=SENDS, seconds=4, connect="once") for peer in PEERS}
+        peer, mail, bench.near_sink, mails=SENDS, seconds=4, connect="once", memory=1) for peer in PEERS}
     # What one earlier send adds is small: more turns, so that it stands out from what else the machine does.
     with one_processor():
         results = bench.in_turn(bench.extent.budgets["once"], cases, 3 * bench.extent.rounds)
@@ -357,7 +358,7 @@ def added(found, early, late, unit):
 def several_threads(bench, goals):
     mail = MailFiles(bench.folder, "threads", 3 * KB)
     cases = {(threads, peer): lambda threads=threads, peer=peer: bench.run(
-        peer, mail, mails=1000000, seconds=bench.extent.small_seconds, threads=threads)
+        peer, mail, mails=1000000, seconds=bench.extent.small_seconds, threads=threads, memory=1)
         for threads in THREADS for peer in PEERS}
     results = bench.in_turn(bench.extent.budgets["threads"], cases)
 

@@ -1,5 +1,8 @@
 #include "src/iofilter.h"
 
+#include <algorithm>
+
+#include "src-baselib/iofile.h"
 #include "src-baselib/iomem.h"
 #include "tests/unit/helpers.h"
 
@@ -48,5 +51,29 @@ TEST(Filters, ChangeTextWhereverItIsCut)
             }
             EXPECT_EQ(Through(base64, text.substr(0, 130), cut, capacity), lines) << cut << ", " << capacity;
         }
+    }
+}
+
+TEST(Filters, EncodeFilesManyLinesAtOnce)
+{
+    std::mt19937 random;
+    std::string bytes(57 * 900 + 20, '\0'); // behind several read-aheads, the last line is a short one
+    std::ranges::generate(bytes, [&random] { return static_cast<char>(random()); });
+    std::ofstream("lines.bin", std::ios::binary) << bytes;
+    CEString whole;
+    CEString::EncodeBase64(bytes.data(), static_cast<std::int64_t>(bytes.size()), whole);
+    const std::string wanted = std::regex_replace(whole.CStr(), std::regex(".{1,76}"), "$&\r\n");
+
+    for (const std::int32_t capacity : {79, 156, 157, 1000, 65536}) {
+        IOFile file;
+        file.SetName("lines.bin");
+        CBase64FilterIo filter(&file);
+        std::string all;
+        for (std::int32_t length = capacity; length > 0;) {
+            std::string buffer(static_cast<std::size_t>(capacity) + 1, '#');
+            EXPECT_TRUE(filter.ReadLines(buffer.data(), length = capacity) && buffer.back() == '#');
+            all += buffer.substr(0, static_cast<std::size_t>(length));
+        }
+        EXPECT_EQ(all, wanted) << capacity;
     }
 }
