@@ -252,7 +252,7 @@ void CSMTPMailSession::OnEvent(smtp_session_t /*session*/, int event, void* argu
 void CSMTPMailSession::RewindMessage(smtp_messagecb_t compose, CMail& job)
 {
     // A stream of small writes is best gathered. Chunks are each answered: the end of each has to go out.
-    m_socket.SendAtOnce(!m_monitor.IsInData());
+    m_socket.SendAtOnce(!m_monitor.IsInData(), m_monitor.GetReceived());
     m_feed.Rewind(compose, &job);
 }
 
@@ -260,8 +260,9 @@ const char* CSMTPMailSession::NextChunk(smtp_messagecb_t compose, CMail& job, in
 {
     const char* const chunk = m_feed.Next(compose, &job, length);
     if (chunk == nullptr) {
-        const int saved = errno;   // speaks to the transport
-        m_socket.SendAtOnce(true); // what is left in the transport's buffer must not wait for an answer
+        const int saved = errno; // speaks to the transport
+        // What is left in the transport's buffer must not wait for an answer.
+        m_socket.SendAtOnce(true, m_monitor.GetReceived());
         errno = saved;
     }
     return chunk;
@@ -281,6 +282,7 @@ bool CSMTPMailSession::Start()
     m_socket.Expect(m_port);
     MarkErrorNumber();
     const bool started = smtp_start_session(m_session) != 0;
+    m_socket.Release();
     return Settle(started, SessionErrorNumber());
 }
 

@@ -203,6 +203,7 @@ void CDialogueMonitor::Callback(const char* data, int length, int writing, void*
     if (writing == SMTP_CB_WRITING) {
         monitor.m_inData = std::string_view(data, static_cast<std::size_t>(length)).starts_with("DATA");
     } else if (writing == SMTP_CB_READING) {
+        monitor.m_received += static_cast<std::uint64_t>(length);
         // The bytes are the transport's own receive buffer, which it parses after this call.
         monitor.m_filter.Filter(const_cast<char*>(data), static_cast<std::size_t>(length));
     }

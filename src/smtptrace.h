@@ -55,14 +55,21 @@ class CDialogueMonitor
 {
 public:
     // A connection begins.
-    void Reset() { m_filter.Reset(); }
+    void Reset()
+    {
+        m_filter.Reset();
+        m_received = 0;
+    }
     // Whether the last command sent was DATA: the message follows as one stream, not in chunks that are each
     // answered.
     [[nodiscard]] bool IsInData() const { return m_inData; }
+    // Bytes read from the server on this connection.
+    [[nodiscard]] std::uint64_t GetReceived() const { return m_received; }
     // The transport's monitor callback; `argument` is the monitor. Leaves errno as it was.
     static void Callback(const char* data, int length, int writing, void* argument);
 
 private:
     CPipeliningFilter m_filter;
     bool m_inData = false;
+    std::uint64_t m_received = 0;
 };

@@ -6,6 +6,7 @@
 // some 40 ms longer.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "src-baselib/cestring.h"
@@ -24,8 +25,10 @@ public:
     void Adopt() noexcept;
     // The connection is closed.
     void Release() noexcept;
-    // Whether small writes are sent at once or gathered to full segments. Without a socket nothing happens.
-    void SendAtOnce(bool atOnce) noexcept;
+    // Whether small writes are sent at once or gathered to full segments. `received` are the bytes that the
+    // transport has read on this connection so far: a socket that got another number is not its own, and is
+    // left alone. Without a socket nothing happens.
+    void SendAtOnce(bool atOnce, std::uint64_t received) noexcept;
 
 private:
     struct Search;

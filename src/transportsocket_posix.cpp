@@ -2,15 +2,17 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <netdb.h>
 #include <arpa/inet.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <string_view>
 #include <sys/eventfd.h>
@@ -94,6 +96,16 @@ std::uint64_t SocketNumber(int descriptor)
     return getsockopt(descriptor, SOL_SOCKET, SO_COOKIE, &number, &length) == 0 ? number : 0;
 }
 
+// Whether `received` bytes have come in on a connection; true where the system does not count them.
+bool HasReceived(int descriptor, std::uint64_t received)
+{
+    tcp_info info = {};
+    socklen_t length = sizeof info;
+    return getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
+           length < offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received ||
+           info.tcpi_bytes_received == received;
+}
+
 // One call whatever the host has open, and one for each descriptor of the range that is.
 bool ListSockets(int first, Sockets& sockets)
 {
@@ -121,8 +133,7 @@ int GetOption(int descriptor, int level, int option)
 bool LooksLikeTransport(int descriptor, in_port_t port, Peer& peer)
 {
     const int flags = fcntl(descriptor, F_GETFL);
-    return flags >= 0 && (flags & O_NONBLOCK) != 0 &&
-           GetOption(descriptor, SOL_SOCKET, SO_TYPE) == SOCK_STREAM && GetPeer(descriptor, peer) &&
+    return flags >= 0 && (flags & O_NONBLOCK) != 0 && GetPeer(descriptor, peer) &&
            PortOf(peer.address) == port && GetOption(descriptor, IPPROTO_TCP, TCP_NODELAY) == 0;
 }
 
@@ -140,6 +151,12 @@ struct CTransportSocket::Search
     // What the sessions of all threads have adopted, so that none takes another one's.
     static std::mutex s_mutex;
     static Search* s_adopted;
+    // The descriptor that the last one had; the next is the same where a host sends one mail after the other.
+    static int s_last;
+    // How many connections were begun: another one at the same time may get the descriptor that is expected
+    // here.
+    static std::uint64_t s_begun;
+    static int s_connecting;
 
     static bool IsAdopted(std::uint64_t socket)
     {
@@ -172,18 +189,28 @@ struct CTransportSocket::Search
     };
 
     Candidates Look() const;
+    bool IsLastFree();
+    void EndConnecting();
+    void Take(int found);
 
     in_port_t port = 0; // in network order; 0: nothing is expected
     int first = 0;      // of the range of descriptors
+    int likely = -1;    // it was free, and no other connection was being made: no other need be looked at
+    std::uint64_t number = 0; // of the connection, as s_begun counts
+    bool connecting = false;  // counted in s_connecting
     Sockets before = {};
     int descriptor = -1;      // adopted; owned by the transport
     std::uint64_t socket = 0; // the kernel's number of it: a descriptor may be another socket's before long
     bool atOnce = false;
+    bool confirmed = false; // what it received is what the transport read
     Search* next = nullptr;
 };
 
 std::mutex CTransportSocket::Search::s_mutex;
 CTransportSocket::Search* CTransportSocket::Search::s_adopted = nullptr;
+int CTransportSocket::Search::s_last = -1;
+std::uint64_t CTransportSocket::Search::s_begun = 0;
+int CTransportSocket::Search::s_connecting = 0;
 
 CTransportSocket::CTransportSocket() : m_search(std::make_unique<Search>()) {}
 
@@ -192,14 +219,40 @@ CTransportSocket::~CTransportSocket()
     Release();
 }
 
+// Whether the descriptor to expect is free, and nobody else's to take: with the mutex held.
+bool CTransportSocket::Search::IsLastFree()
+{
+    number = ++s_begun;
+    const bool alone = s_connecting++ == 0;
+    connecting = true;
+    return alone && s_last >= 0 && fcntl(s_last, F_GETFD) == -1 && errno == EBADF;
+}
+
+void CTransportSocket::Search::EndConnecting()
+{
+    s_connecting -= connecting ? 1 : 0;
+    connecting = false;
+}
+
 void CTransportSocket::Expect(const CEString& port) noexcept
 {
     Release();
     Search& search = *m_search;
+    search.port = PortNumber(port.View());
+    {
+        const std::lock_guard<std::mutex> lock(Search::s_mutex);
+        search.likely = search.IsLastFree() ? Search::s_last : -1;
+    }
+    if (search.likely >= 0) {
+        search.first = std::max(0, search.likely - kBefore);
+        search.before = {}; // should another one have to be found, all are looked at
+        return;
+    }
     const int free = LowestFree();
     search.first = std::max(0, free - kBefore);
-    const bool known = free >= 0 && ListSockets(search.first, search.before);
-    search.port = known ? PortNumber(port.View()) : in_port_t{0};
+    if (free < 0 || !ListSockets(search.first, search.before)) {
+        search.port = 0;
+    }
 }
 
 // With the mutex held.
@@ -222,22 +275,36 @@ CTransportSocket::Search::Candidates CTransportSocket::Search::Look() const
     return candidates;
 }
 
+void CTransportSocket::Search::Take(int found)
+{
+    descriptor = found;
+    socket = SocketNumber(found);
+    atOnce = false;
+    confirmed = false;
+    next = std::exchange(s_adopted, this);
+    s_last = found;
+}
+
 void CTransportSocket::Adopt() noexcept
 {
     Search& search = *m_search;
+    const std::lock_guard<std::mutex> lock(Search::s_mutex);
+    search.EndConnecting();
     if (search.port == 0 || search.descriptor >= 0) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(Search::s_mutex);
+    Peer peer;
+    if (search.likely >= 0 && search.number == Search::s_begun &&
+        LooksLikeTransport(search.likely, search.port, peer)) {
+        search.Take(search.likely);
+        return;
+    }
     const Search::Candidates found = search.Look();
     if (found.mixed) {
         return; // which is which cannot be told: none is touched
     }
     if (found.count == 1) {
-        search.descriptor = found.descriptors[0];
-        search.socket = SocketNumber(search.descriptor);
-        search.atOnce = false;
-        search.next = std::exchange(Search::s_adopted, &search);
+        search.Take(found.descriptors[0]);
         return;
     }
     // Connections of other threads to the same server, made at the same moment: none is taken, and none
@@ -249,10 +316,14 @@ void CTransportSocket::Adopt() noexcept
 void CTransportSocket::Release() noexcept
 {
     Search& search = *m_search;
-    if (search.descriptor < 0) {
+    if (search.descriptor < 0 && !search.connecting) {
         return;
     }
     const std::lock_guard<std::mutex> lock(Search::s_mutex);
+    search.EndConnecting();
+    if (search.descriptor < 0) {
+        return;
+    }
     Search** link = &Search::s_adopted;
     while (*link != &search) {
         link = &(*link)->next;
@@ -261,14 +332,15 @@ void CTransportSocket::Release() noexcept
     search.descriptor = -1;
 }
 
-void CTransportSocket::SendAtOnce(bool atOnce) noexcept
+void CTransportSocket::SendAtOnce(bool atOnce, std::uint64_t received) noexcept
 {
     Search& search = *m_search;
     if (search.descriptor < 0 || search.atOnce == atOnce ||
         SocketNumber(search.descriptor) != search.socket) {
         return;
     }
-    if (SetAtOnce(search.descriptor, atOnce)) {
+    search.confirmed = search.confirmed || HasReceived(search.descriptor, received);
+    if (search.confirmed && SetAtOnce(search.descriptor, atOnce)) {
         search.atOnce = atOnce;
     }
 }
