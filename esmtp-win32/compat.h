@@ -32,20 +32,20 @@ struct utsname
 
 /* As POSIX has them, for TCP sockets; errno is set. A descriptor is this layer's own number. */
 int compat_socket(int family, int type, int protocol);
-int compat_connect(int descriptor, const struct sockaddr *address, size_t length);
+int compat_connect(int descriptor, const struct sockaddr* address, size_t length);
 int compat_fcntl(int descriptor, int command, int flags);
-int compat_read(int descriptor, void *buffer, int length);
-int compat_write(int descriptor, const void *buffer, int length);
-int compat_poll(struct pollfd *list, unsigned count, int milliseconds);
+int compat_read(int descriptor, void* buffer, int length);
+int compat_write(int descriptor, const void* buffer, int length);
+int compat_poll(struct pollfd* list, unsigned count, int milliseconds);
 int compat_close(int descriptor);
-int compat_getaddrinfo(const char *node, const char *service, const struct addrinfo *hints,
-                       struct addrinfo **found);
+int compat_getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                       struct addrinfo** found);
 
-int compat_uname(struct utsname *name);
-struct tm *compat_localtime_r(const time_t *when, struct tm *local);
+int compat_uname(struct utsname* name);
+struct tm* compat_localtime_r(const time_t* when, struct tm* local);
 /* The conversions of a mail's date only: a, b, d, Y, T and z, the names in English. 0 for any other. */
-size_t compat_strftime(char *buffer, size_t size, const char *format, const struct tm *local);
-int compat_strerror_r(int error, char *buffer, size_t size);
+size_t compat_strftime(char* buffer, size_t size, const char* format, const struct tm* local);
+int compat_strerror_r(int error, char* buffer, size_t size);
 
 #ifndef VELMAIL_ESMTP_COMPAT_SOURCE
 #define socket(family, type, protocol) compat_socket(family, type, protocol)
@@ -65,9 +65,9 @@ int compat_strerror_r(int error, char *buffer, size_t size);
 
 /* There are no modules to load: none is shipped, and VelMail does not authenticate. */
 #define RTLD_LAZY 1
-#define dlopen(name, mode) ((void) (name), (void *) NULL)
-#define dlsym(module, name) ((void *) NULL)
-#define dlclose(module) ((void) (module))
+#define dlopen(name, mode) ((void)(name), (void*)NULL)
+#define dlsym(module, name) ((void*)NULL)
+#define dlclose(module) ((void)(module))
 #endif
 
 #endif

@@ -9,7 +9,7 @@
 
 struct connection
 {
-    struct connection *next;
+    struct connection* next;
     SOCKET socket;
     int descriptor;
     DWORD thread; /* that made it; only this one uses it */
@@ -18,7 +18,7 @@ struct connection
 };
 
 static SRWLOCK connections_lock = SRWLOCK_INIT;
-static struct connection *connections; /* the newest first */
+static struct connection* connections; /* the newest first */
 static int last_descriptor;
 
 static pthread_once_t sink_once = PTHREAD_ONCE_INIT;
@@ -29,7 +29,7 @@ static const struct
 {
     int winsock;
     int error;
-    const char *text; /* where the C library has none */
+    const char* text; /* where the C library has none */
 } errors[] = {
     {WSAEINTR, EINTR, NULL},
     {WSAEBADF, EBADF, NULL},
@@ -95,30 +95,30 @@ static void make_sink_key(void)
 int esmtp_win32_set_sink(esmtp_win32_sink sink)
 {
     pthread_once(&sink_once, make_sink_key);
-    return sink_usable && pthread_setspecific(sink_key, (const void *) (uintptr_t) sink) == 0;
+    return sink_usable && pthread_setspecific(sink_key, (const void*)(uintptr_t)sink) == 0;
 }
 
-static void report(int event, const char *call, int error, int result)
+static void report(int event, const char* call, int error, int result)
 {
     esmtp_win32_sink sink;
     pthread_once(&sink_once, make_sink_key);
-    sink = sink_usable ? (esmtp_win32_sink) (uintptr_t) pthread_getspecific(sink_key) : NULL;
+    sink = sink_usable ? (esmtp_win32_sink)(uintptr_t)pthread_getspecific(sink_key) : NULL;
     if (sink != NULL) {
         sink(event, call, error, result);
     }
 }
 
 /* Tells of a failed call and sets errno. Returns -1. */
-static int fail(const char *call, int winsock)
+static int fail(const char* call, int winsock)
 {
     report(ESMTP_WIN32_CALL_FAILED, call, winsock, -1);
     errno = to_errno(winsock);
     return -1;
 }
 
-static struct connection *find(int descriptor)
+static struct connection* find(int descriptor)
 {
-    struct connection *found;
+    struct connection* found;
     AcquireSRWLockShared(&connections_lock);
     for (found = connections; found != NULL && found->descriptor != descriptor;) {
         found = found->next;
@@ -131,7 +131,7 @@ static struct connection *find(int descriptor)
 }
 
 /* libESMTP goes on after a write that failed: nothing of a message with a hole in it may reach the server. */
-static int fail_send(struct connection *connection, int winsock)
+static int fail_send(struct connection* connection, int winsock)
 {
     connection->over = 1;
     shutdown(connection->socket, SD_BOTH); /* fails where there is no connection left, which is as good */
@@ -145,27 +145,27 @@ int esmtp_win32_send_at_once(int at_once)
 {
     const DWORD self = GetCurrentThreadId();
     const int value = at_once != 0;
-    struct connection *own;
+    struct connection* own;
     AcquireSRWLockShared(&connections_lock);
     for (own = connections; own != NULL && own->thread != self;) {
         own = own->next;
     }
     ReleaseSRWLockShared(&connections_lock);
     return own != NULL &&
-           setsockopt(own->socket, IPPROTO_TCP, TCP_NODELAY, (const char *) &value, sizeof value) == 0;
+           setsockopt(own->socket, IPPROTO_TCP, TCP_NODELAY, (const char*)&value, sizeof value) == 0;
 }
 
-static BOOL CALLBACK start_winsock(PINIT_ONCE once, PVOID argument, PVOID *context)
+static BOOL CALLBACK start_winsock(PINIT_ONCE once, PVOID argument, PVOID* context)
 {
     WSADATA data;
-    (void) once;
-    (void) argument;
-    (void) context;
+    (void)once;
+    (void)argument;
+    (void)context;
     return WSAStartup(MAKEWORD(2, 2), &data) == 0;
 }
 
-int compat_getaddrinfo(const char *node, const char *service, const struct addrinfo *hints,
-                       struct addrinfo **found)
+int compat_getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                       struct addrinfo** found)
 {
     static INIT_ONCE once = INIT_ONCE_STATIC_INIT;
     if (!InitOnceExecuteOnce(&once, start_winsock, NULL, NULL)) {
@@ -177,7 +177,7 @@ int compat_getaddrinfo(const char *node, const char *service, const struct addri
 
 int compat_socket(int family, int type, int protocol)
 {
-    struct connection *const connection = calloc(1, sizeof *connection);
+    struct connection* const connection = calloc(1, sizeof *connection);
     if (connection == NULL) {
         errno = ENOMEM;
         return -1;
@@ -198,20 +198,20 @@ int compat_socket(int family, int type, int protocol)
     return connection->descriptor;
 }
 
-int compat_connect(int descriptor, const struct sockaddr *address, size_t length)
+int compat_connect(int descriptor, const struct sockaddr* address, size_t length)
 {
-    struct connection *const connection = find(descriptor);
+    struct connection* const connection = find(descriptor);
     if (connection == NULL) {
         return -1;
     }
-    return connect(connection->socket, address, (int) length) == 0 ? 0 : fail("connect", WSAGetLastError());
+    return connect(connection->socket, address, (int)length) == 0 ? 0 : fail("connect", WSAGetLastError());
 }
 
 /* The one use: the socket is not to block. One that would block for ever is given up instead. */
 int compat_fcntl(int descriptor, int command, int flags)
 {
     u_long on = 1;
-    struct connection *const connection = find(descriptor);
+    struct connection* const connection = find(descriptor);
     if (connection == NULL) {
         return -1;
     }
@@ -219,18 +219,18 @@ int compat_fcntl(int descriptor, int command, int flags)
         errno = EINVAL;
         return -1;
     }
-    if (ioctlsocket(connection->socket, (long) FIONBIO, &on) != 0) {
+    if (ioctlsocket(connection->socket, (long)FIONBIO, &on) != 0) {
         connection->over = 1;
         return fail("socket", WSAGetLastError());
     }
     return 0;
 }
 
-int compat_read(int descriptor, void *buffer, int length)
+int compat_read(int descriptor, void* buffer, int length)
 {
     int count;
     int winsock;
-    struct connection *const connection = find(descriptor);
+    struct connection* const connection = find(descriptor);
     if (connection == NULL) {
         return -1;
     }
@@ -251,11 +251,11 @@ int compat_read(int descriptor, void *buffer, int length)
     return fail("recv", winsock);
 }
 
-int compat_write(int descriptor, const void *buffer, int length)
+int compat_write(int descriptor, const void* buffer, int length)
 {
     int count;
     int winsock;
-    struct connection *const connection = find(descriptor);
+    struct connection* const connection = find(descriptor);
     if (connection == NULL) {
         return -1;
     }
@@ -276,15 +276,15 @@ int compat_write(int descriptor, const void *buffer, int length)
 }
 
 /* What an exception is told of once must not wake the wait again and again. Returns whether there was one. */
-static int report_exceptions(struct pollfd *list, unsigned count, fd_set *excepted)
+static int report_exceptions(struct pollfd* list, unsigned count, fd_set* excepted)
 {
     unsigned i;
     int any = 0;
     for (i = 0; i < count; ++i) {
-        struct connection *const connection = find((int) list[i].fd);
+        struct connection* const connection = find((int)list[i].fd);
         if (connection != NULL && !connection->excepted && FD_ISSET(connection->socket, excepted)) {
-            report(list[i].events & POLLIN ? ESMTP_WIN32_READ_EXCEPTION : ESMTP_WIN32_WRITE_EXCEPTION, "select",
-                 0, 0);
+            report(list[i].events & POLLIN ? ESMTP_WIN32_READ_EXCEPTION : ESMTP_WIN32_WRITE_EXCEPTION,
+                   "select", 0, 0);
             connection->excepted = 1;
             any = 1;
         }
@@ -294,10 +294,10 @@ static int report_exceptions(struct pollfd *list, unsigned count, fd_set *except
 
 /* A connection that is over is an error here: told of something to read, libESMTP would read on behind the
    dialogue's end. */
-int compat_poll(struct pollfd *list, unsigned count, int milliseconds)
+int compat_poll(struct pollfd* list, unsigned count, int milliseconds)
 {
     struct timeval limit = {milliseconds / 1000, milliseconds % 1000 * 1000};
-    struct connection *connection = NULL;
+    struct connection* connection = NULL;
     fd_set readable;
     fd_set writable;
     fd_set excepted;
@@ -312,7 +312,7 @@ int compat_poll(struct pollfd *list, unsigned count, int milliseconds)
         FD_ZERO(&writable);
         FD_ZERO(&excepted);
         for (i = 0; i < count; ++i) {
-            connection = find((int) list[i].fd);
+            connection = find((int)list[i].fd);
             if (connection == NULL) {
                 return -1;
             }
@@ -342,7 +342,7 @@ int compat_poll(struct pollfd *list, unsigned count, int milliseconds)
     }
     ready = 0;
     for (i = 0; i < count; ++i) {
-        connection = find((int) list[i].fd);
+        connection = find((int)list[i].fd);
         list[i].revents = 0;
         if (connection != NULL && FD_ISSET(connection->socket, &readable)) {
             list[i].revents |= list[i].events & POLLIN;
@@ -357,8 +357,8 @@ int compat_poll(struct pollfd *list, unsigned count, int milliseconds)
 
 int compat_close(int descriptor)
 {
-    struct connection **link = &connections;
-    struct connection *found;
+    struct connection** link = &connections;
+    struct connection* found;
     int result;
     AcquireSRWLockExclusive(&connections_lock);
     while (*link != NULL && (*link)->descriptor != descriptor) {
@@ -381,7 +381,7 @@ int compat_close(int descriptor)
     return result;
 }
 
-int compat_uname(struct utsname *name)
+int compat_uname(struct utsname* name)
 {
     DWORD size = sizeof name->nodename;
     if (!GetComputerNameExA(ComputerNameDnsFullyQualified, name->nodename, &size)) {
@@ -391,16 +391,16 @@ int compat_uname(struct utsname *name)
     return 0;
 }
 
-static int minutes_of_day(const SYSTEMTIME *time)
+static int minutes_of_day(const SYSTEMTIME* time)
 {
     return time->wHour * 60 + time->wMinute;
 }
 
-struct tm *compat_localtime_r(const time_t *when, struct tm *local)
+struct tm* compat_localtime_r(const time_t* when, struct tm* local)
 {
     static const ULONGLONG epoch = 116444736000000000ULL; /* 1970 in the system's count of 100 ns */
-    const ULONGLONG ticks = (ULONGLONG) *when * 10000000U + epoch;
-    const FILETIME file = {(DWORD) ticks, (DWORD) (ticks >> 32)};
+    const ULONGLONG ticks = (ULONGLONG)*when * 10000000U + epoch;
+    const FILETIME file = {(DWORD)ticks, (DWORD)(ticks >> 32)};
     TIME_ZONE_INFORMATION zone;
     SYSTEMTIME utc;
     SYSTEMTIME time;
@@ -414,7 +414,7 @@ struct tm *compat_localtime_r(const time_t *when, struct tm *local)
     if (GetTimeZoneInformationForYear(utc.wYear, NULL, &zone) &&
         SystemTimeToTzSpecificLocalTime(&zone, &utc, &time)) {
         const int day = 24 * 60;
-        const int apart = minutes_of_day(&utc) - minutes_of_day(&time) - (int) (zone.Bias + zone.StandardBias);
+        const int apart = minutes_of_day(&utc) - minutes_of_day(&time) - (int)(zone.Bias + zone.StandardBias);
         local->tm_isdst = apart % day != 0;
     }
     local->tm_year = time.wYear - 1900;
@@ -428,25 +428,25 @@ struct tm *compat_localtime_r(const time_t *when, struct tm *local)
 }
 
 /* "+0200"; "-0000" for an unknown zone. */
-static int print_zone(char *buffer, size_t size, const struct tm *local)
+static int print_zone(char* buffer, size_t size, const struct tm* local)
 {
     TIME_ZONE_INFORMATION zone;
     long bias; /* minutes behind */
-    if (local->tm_isdst < 0 || !GetTimeZoneInformationForYear((USHORT) (local->tm_year + 1900), NULL, &zone)) {
+    if (local->tm_isdst < 0 || !GetTimeZoneInformationForYear((USHORT)(local->tm_year + 1900), NULL, &zone)) {
         return snprintf(buffer, size, "-0000");
     }
     bias = zone.Bias + (local->tm_isdst ? zone.DaylightBias : zone.StandardBias);
     return snprintf(buffer, size, "%c%02ld%02ld", bias > 0 ? '-' : '+', labs(bias) / 60, labs(bias) % 60);
 }
 
-size_t compat_strftime(char *buffer, size_t size, const char *format, const struct tm *local)
+size_t compat_strftime(char* buffer, size_t size, const char* format, const struct tm* local)
 {
-    static const char *const days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static const char *const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+    static const char* const days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     size_t used = 0;
     for (; *format != '\0'; ++format) {
-        char *const end = buffer + used;
+        char* const end = buffer + used;
         const size_t left = size - used;
         int count = -1;
         if (*format != '%') {
@@ -464,16 +464,16 @@ size_t compat_strftime(char *buffer, size_t size, const char *format, const stru
         } else if (*format == 'z') {
             count = print_zone(end, left, local);
         }
-        if (count < 0 || (size_t) count >= left) {
+        if (count < 0 || (size_t)count >= left) {
             buffer[0] = '\0';
             return 0;
         }
-        used += (size_t) count;
+        used += (size_t)count;
     }
     return used;
 }
 
-int compat_strerror_r(int error, char *buffer, size_t size)
+int compat_strerror_r(int error, char* buffer, size_t size)
 {
     int i = 0;
     while (i < ERROR_COUNT && (errors[i].error != error || errors[i].text == NULL)) {

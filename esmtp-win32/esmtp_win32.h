@@ -18,7 +18,7 @@ enum esmtp_win32_event
 
 /* `call` is "socket", "connect", "send", "recv" or "select"; `error` a Winsock error code. Must not call
    libESMTP. */
-typedef void (*esmtp_win32_sink)(int event, const char *call, int error, int result);
+typedef void (*esmtp_win32_sink)(int event, const char* call, int error, int result);
 
 /* Where the socket errors of the calling thread's sessions are told from now on; null: nowhere. Returns 0
    without memory. */

@@ -12,19 +12,21 @@
 using TransportFunction = void (*)();
 [[nodiscard]] TransportFunction FindTransportFunction(const char* name);
 
-// While one exists, the failed socket calls of the calling thread are traced as they happen, where the
-// transport tells of them.
+// Whether failed socket calls of the calling thread are traced as they happen. Returns whether they will be:
+// not every transport tells of them.
+bool TraceSocketErrors(bool on);
+
+// They are while one exists.
 class CSocketErrorTrace
 {
 public:
-    CSocketErrorTrace();
+    CSocketErrorTrace() : m_told(TraceSocketErrors(true)) {}
     CSocketErrorTrace(const CSocketErrorTrace&) = delete;
     CSocketErrorTrace& operator=(const CSocketErrorTrace&) = delete;
-    ~CSocketErrorTrace();
+    ~CSocketErrorTrace() { TraceSocketErrors(false); }
 
-    // Whether the transport tells of them.
     [[nodiscard]] bool IsTold() const { return m_told; }
 
 private:
-    bool m_told = false;
+    const bool m_told;
 };

@@ -29,12 +29,6 @@ FARPROC WINAPI OnDelayLoad(unsigned event, PDelayLoadInfo info)
                : nullptr;
 }
 
-template<class Function>
-Function Find(const char* name)
-{
-    return reinterpret_cast<Function>(FindTransportFunction(name));
-}
-
 // Beside this library, wherever its host found it; empty when that cannot be told.
 std::wstring PathBesideOwn()
 {
@@ -127,15 +121,8 @@ TransportFunction FindTransportFunction(const char* name)
                                   : reinterpret_cast<TransportFunction>(GetProcAddress(g_transport, name));
 }
 
-CSocketErrorTrace::CSocketErrorTrace()
+bool TraceSocketErrors(bool on)
 {
-    const auto set = Find<esmtp_win32_set_sink_t>("esmtp_win32_set_sink");
-    m_told = set != nullptr && set(OnSocketEvent) != 0;
-}
-
-CSocketErrorTrace::~CSocketErrorTrace()
-{
-    if (m_told) {
-        Find<esmtp_win32_set_sink_t>("esmtp_win32_set_sink")(nullptr);
-    }
+    const auto set = reinterpret_cast<esmtp_win32_set_sink_t>(FindTransportFunction("esmtp_win32_set_sink"));
+    return set != nullptr && set(on ? OnSocketEvent : nullptr) != 0 && on;
 }
