@@ -13,6 +13,7 @@ struct connection
     SOCKET socket;
     int descriptor;
     DWORD thread; /* that made it; only this one uses it */
+    int unsent;   /* a send failed: no other follows, but what the server said before can be read */
     int over;     /* its end was read, or it failed: nothing more goes through */
     int excepted; /* an exception was told */
 };
@@ -133,8 +134,8 @@ static struct connection* find(int descriptor)
 /* libESMTP goes on after a write that failed: nothing of a message with a hole in it may reach the server. */
 static int fail_send(struct connection* connection, int winsock)
 {
-    connection->over = 1;
-    shutdown(connection->socket, SD_BOTH); /* fails where there is no connection left, which is as good */
+    connection->unsent = 1;
+    shutdown(connection->socket, SD_SEND); /* fails where there is no connection left, which is as good */
     report(ESMTP_WIN32_CALL_FAILED, "send", winsock, -1);
     report(ESMTP_WIN32_SEND_FAILED, "send", winsock, SOCKET_ERROR);
     errno = to_errno(winsock);
@@ -259,7 +260,7 @@ int compat_write(int descriptor, const void* buffer, int length)
     if (connection == NULL) {
         return -1;
     }
-    if (connection->over) {
+    if (connection->over || connection->unsent) {
         errno = EPIPE;
         return -1;
     }
@@ -337,6 +338,7 @@ int compat_poll(struct pollfd* list, unsigned count, int milliseconds)
     } while (ready > 0 && report_exceptions(list, count, &excepted) && readable.fd_count == 0 &&
              writable.fd_count == 0);
     if (ready == 0 && milliseconds > 0 && count == 1 && list[0].events == POLLOUT) {
+        connection->over = 1;                /* it would take as long for an answer */
         fail_send(connection, WSAETIMEDOUT); /* the wait of a write: to libESMTP still a mere time-out */
         return 0;
     }
