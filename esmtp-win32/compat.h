@@ -4,8 +4,12 @@
 #ifndef VELMAIL_ESMTP_COMPAT_H
 #define VELMAIL_ESMTP_COMPAT_H
 
+#ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOGDI
 #define NOGDI /* its ERROR */
+#endif
 #include <winsock2.h>
 #include <ws2tcpip.h>
 

@@ -55,7 +55,8 @@ HMODULE Load()
     HMODULE library =
         path.empty() ? nullptr : LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (library == nullptr && (path.empty() || GetLastError() == ERROR_MOD_NOT_FOUND)) {
-        library = LoadLibraryW(kWideFileName);
+        // Not from the current folder: whoever can write there would run in the host.
+        library = LoadLibraryExW(kWideFileName, nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
     }
     const FARPROC place = library == nullptr ? nullptr : GetProcAddress(library, "smtp_create_session");
     HMODULE pinned = nullptr;
