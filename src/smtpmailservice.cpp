@@ -9,11 +9,13 @@
 #include "src-baselib/report.h"
 #include "src/composition.h"
 #include "src/iofilter.h"
+#include "src/transportlibrary.h"
 
 namespace {
 
 constexpr int kMailTextError = 695;
 constexpr int kAttachmentError = 696;
+constexpr int kSessionError = 697;
 constexpr int kInternalError = 699;
 constexpr const char* kCannotRead = "ERROR while reading from file.";
 
@@ -52,6 +54,13 @@ void AddRecipients(CSMTPMailMessage& message, RecipientType type, const CMail::A
 
 bool CSMTPMailService::Connect(const CMailConnectionInfo& info)
 {
+    CEString reason;
+    if (!LoadTransport(reason)) {
+        CEString text("Failed to create an SMTP session! The library libESMTP could not be loaded: ");
+        text.Append(reason.View());
+        RaiseError(kSessionError, text.CStr());
+        return false;
+    }
     m_session = std::make_unique<CSMTPMailSession>();
     SetTransportTrace(TraceSink);
     struct Undo // a session that is not aimed at its server must not be sent through

@@ -10,6 +10,7 @@
 #include "src-baselib/report.h"
 #include "src/composition.h"
 #include "src/smtpmailservice.h"
+#include "src/transportlibrary.h"
 
 namespace {
 
@@ -279,11 +280,17 @@ bool CSMTPMailSession::Start()
     TraceTransport("using message submission server %s:%s \n", m_host.CStr(), m_port.CStr());
 
     const platform::CBrokenPipeGuard guard;
+    const CSocketErrorTrace errors;
     m_socket.Expect(m_port);
     MarkErrorNumber();
     const bool started = smtp_start_session(m_session) != 0;
     m_socket.Release();
-    return Settle(started, SessionErrorNumber());
+    const int number = SessionErrorNumber();
+    const char* const text = started || number >= 0 || errors.IsTold() ? nullptr : SocketErrorText(-number);
+    if (text != nullptr) {
+        TraceTransport("In %s: %s \n", "connect", text);
+    }
+    return Settle(started, number);
 }
 
 bool CSMTPMailSession::Settle(bool started, int number)
@@ -301,9 +308,6 @@ bool CSMTPMailSession::Settle(bool started, int number)
     if (started) {
         return Fail(number >= kFirstBrokenNumber && number <= kLastNumber ? kCodeBase + number
                                                                           : kDroppedConnection);
-    }
-    if (const char* const text = number < 0 ? SocketErrorText(-number) : nullptr) {
-        TraceTransport("In %s: %s \n", "connect", text);
     }
     return Fail(StartErrorCode(number));
 }

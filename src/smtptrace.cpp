@@ -115,13 +115,17 @@ void TraceSink(const char* format, ...)
     TraceText(text.c_str());
 }
 
-const char* SocketErrorText(int error)
+const char* SocketCodeText(int code)
 {
-    const int code = platform::SocketErrorCode(error);
     const auto* const row =
         std::find_if(std::begin(kSocketTexts), std::end(kSocketTexts),
                      [code](const SocketText& candidate) { return candidate.code == code; });
     return row == std::end(kSocketTexts) ? nullptr : row->text;
+}
+
+const char* SocketErrorText(int error)
+{
+    return SocketCodeText(platform::SocketErrorCode(error));
 }
 
 void CPipeliningFilter::EndLine()

@@ -15,8 +15,9 @@ void SetTransportTrace(TransportTrace trace);
 // Writes an entry to the calling thread's trace. A format of 2048 characters or more is written as it stands.
 [[gnu::format(printf, 1, 2)]] void TraceSink(const char* format, ...);
 
-// "Connection refused." and its like for an error number of the platform's socket calls; null for an unknown
-// one.
+// "Connection refused." and its like for a Windows Sockets code; null for an unknown one.
+[[nodiscard]] const char* SocketCodeText(int code);
+// The same for an error number of the platform's socket calls.
 [[nodiscard]] const char* SocketErrorText(int error);
 
 // Reads the replies of one connection as the transport will and spoils the last letter of PIPELINING in the

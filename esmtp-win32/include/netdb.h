@@ -1,0 +1,1 @@
+/* What libESMTP wants of this header comes with ../compat.h. */

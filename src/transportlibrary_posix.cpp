@@ -1,0 +1,35 @@
+#include "src/transportlibrary.h"
+
+#include <dlfcn.h>
+
+#include "src/libesmtp.h"
+
+namespace {
+
+// libESMTP never gives back the key of its per-thread error number. Unloaded with this library, it would
+// leave its destructor behind for threads that end later; so it stays.
+bool KeepTransport()
+{
+    Dl_info place = {};
+    return dladdr(reinterpret_cast<const void*>(&smtp_create_session), &place) != 0 &&
+           dlopen(place.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
+}
+
+} // namespace
+
+// The loader has loaded it with this library.
+bool LoadTransport(CEString& /*reason*/)
+{
+    [[maybe_unused]] static const bool kept = KeepTransport();
+    return true;
+}
+
+TransportFunction FindTransportFunction(const char* /*name*/)
+{
+    return nullptr;
+}
+
+bool TraceSocketErrors(bool /*on*/)
+{
+    return false;
+}
