@@ -12,6 +12,8 @@ CEString::CEString(CEString&& other) noexcept
     : m_buffer(std::move(other.m_buffer)), m_capacity(std::exchange(other.m_capacity, 0)),
       m_length(std::exchange(other.m_length, 0))
 {
+    std::memcpy(m_short, other.m_short, sizeof m_short);
+    other.m_short[0] = '\0';
 }
 
 CEString& CEString::operator=(const CEString& other)
@@ -28,6 +30,8 @@ CEString& CEString::operator=(CEString&& other) noexcept
         m_buffer = std::move(other.m_buffer);
         m_capacity = std::exchange(other.m_capacity, 0);
         m_length = std::exchange(other.m_length, 0);
+        std::memcpy(m_short, other.m_short, sizeof m_short);
+        other.m_short[0] = '\0';
     }
     return *this;
 }
@@ -41,6 +45,7 @@ CEString& CEString::operator=(const char* text)
 void CEString::Clear()
 {
     m_buffer.reset();
+    m_short[0] = '\0';
     m_capacity = 0;
     m_length = 0;
 }
@@ -57,13 +62,16 @@ bool CEString::Reserve(std::int64_t count)
         return true;
     }
     const std::uint64_t capacity = std::max(request, m_length + m_length / 2) / 16 * 16 + 19;
+    if (capacity <= kShort) {
+        std::memset(m_short + m_length, 0, sizeof m_short - static_cast<std::size_t>(m_length));
+        m_capacity = capacity;
+        return true;
+    }
     std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<std::size_t>(capacity) + 1]());
     if (!buffer) {
         return false;
     }
-    if (m_buffer) {
-        std::memcpy(buffer.get(), m_buffer.get(), static_cast<std::size_t>(m_length));
-    }
+    std::memcpy(buffer.get(), CStr(), static_cast<std::size_t>(m_length));
     m_buffer = std::move(buffer);
     m_capacity = capacity;
     return true;
@@ -81,12 +89,10 @@ void CEString::Assign(std::string_view text)
     if (!text.empty()) {
         // A part of the own buffer stays readable: Reserve is not needed for a text no longer than this one.
         ReserveOrThrow(text.size());
-        std::memmove(m_buffer.get(), text.data(), text.size());
+        std::memmove(Data(), text.data(), text.size());
     }
     m_length = text.size();
-    if (m_buffer) {
-        m_buffer[GetLength()] = '\0';
-    }
+    Data()[GetLength()] = '\0';
 }
 
 void CEString::Append(std::string_view text)
@@ -97,15 +103,15 @@ void CEString::Append(std::string_view text)
     if (GetLength() + text.size() > m_capacity) {
         CEString grown; // the old buffer lives until the text, which may be a part of it, is copied
         grown.ReserveOrThrow(std::max(GetLength() + text.size(), GetLength() + GetLength() / 2));
-        std::copy_n(CStr(), GetLength(), grown.m_buffer.get());
-        std::copy_n(text.data(), text.size(), grown.m_buffer.get() + m_length);
-        m_buffer = std::move(grown.m_buffer);
-        m_capacity = grown.m_capacity;
+        std::copy_n(CStr(), GetLength(), grown.Data());
+        std::copy_n(text.data(), text.size(), grown.Data() + m_length);
+        grown.m_length = m_length;
+        *this = std::move(grown);
     } else {
-        std::memmove(m_buffer.get() + m_length, text.data(), text.size());
+        std::memmove(Data() + m_length, text.data(), text.size());
     }
     m_length += text.size();
-    m_buffer[GetLength()] = '\0';
+    Data()[GetLength()] = '\0';
 }
 
 void CEString::Format(const char* format, ...)
@@ -144,7 +150,7 @@ void CEString::EncodeBase64(const void* data, std::int64_t length, CEString& res
 
     CEString text;
     text.ReserveOrThrow((count + 2) / 3 * 4);
-    char* out = text.m_buffer.get();
+    char* out = text.Data();
     for (std::size_t i = 0; i < count; i += 3) {
         const std::size_t rest = count - i;
         const unsigned second = rest > 1 ? bytes[i + 1] : 0U;
@@ -156,7 +162,7 @@ void CEString::EncodeBase64(const void* data, std::int64_t length, CEString& res
         *out++ = rest > 2 ? kAlphabet[group & 63U] : '=';
     }
     *out = '\0';
-    text.m_length = static_cast<std::uint64_t>(out - text.m_buffer.get());
+    text.m_length = static_cast<std::uint64_t>(out - text.Data());
     result = std::move(text);
 }
 

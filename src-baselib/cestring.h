@@ -55,7 +55,7 @@ public:
     [[nodiscard]] std::size_t GetLength() const { return static_cast<std::size_t>(m_length); }
     [[nodiscard]] std::size_t GetCapacity() const { return static_cast<std::size_t>(m_capacity); }
     // Never null.
-    [[nodiscard]] const char* CStr() const { return m_buffer ? m_buffer.get() : ""; }
+    [[nodiscard]] const char* CStr() const { return m_buffer ? m_buffer.get() : m_short; }
     [[nodiscard]] std::string_view View() const { return {CStr(), GetLength()}; }
 
     friend bool operator==(const CEString& left, const CEString& right)
@@ -65,10 +65,14 @@ public:
     friend bool operator==(const CEString& left, const char* right) { return left.View() == right; }
 
 private:
-    void ReserveOrThrow(std::size_t count);
+    static constexpr std::size_t kShort = 35;
 
-    std::unique_ptr<char[]> m_buffer;
-    std::uint64_t m_capacity = 0; // characters usable without the terminator
+    void ReserveOrThrow(std::size_t count);
+    [[nodiscard]] char* Data() { return m_buffer ? m_buffer.get() : m_short; }
+
+    std::unique_ptr<char[]> m_buffer; // null: the text stands in m_short
+    char m_short[kShort + 1] = "";    // most texts are addresses, names and numbers
+    std::uint64_t m_capacity = 0;     // characters usable without the terminator
     std::uint64_t m_length = 0;
 };
 

@@ -357,6 +357,9 @@ int CSendPipeline::Deliver(CMail& mail)
 
 void CSendPipeline::ReportResult(int result)
 {
+    if (!m_job.IsOpen() && !m_frame.Error().IsOpen()) {
+        return; // to nobody
+    }
     const CEString runtime = CTraceFile::RuntimeText(m_start);
     const long last = m_frame.Error().GetLast();
     m_frame.Error().Info("SEND: finished with LastError=%ld Result %d Runtime: %s", last, result,

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "src-baselib/cepaths.h"
+#include "src-baselib/neverdestroyed.h"
 #include "src-baselib/report.h"
 #include "src/composition.h"
 #include "src/iofilter.h"
@@ -153,12 +154,14 @@ bool CSMTPMailService::Disconnect()
 namespace {
 
 // One boundary for the life of the loaded library; drawn, so that it tells nothing of its address space.
-CEString Boundary()
+const CEString& Boundary()
 {
-    static const int number = static_cast<int>(std::random_device()() & 0x7FFFFFFFU);
-    CEString boundary;
-    boundary.Format("velmail%d", number);
-    return boundary;
+    struct Drawn : CEString
+    {
+        Drawn() { Format("velmail%d", static_cast<int>(std::random_device()() & 0x7FFFFFFFU)); }
+    };
+    static CNeverDestroyed<Drawn> boundary;
+    return boundary.Get();
 }
 
 // The end of a message that cannot be completed: libESMTP drops the connection on an errno other than 0, so
