@@ -123,7 +123,7 @@ bool CStringProperty::GetValue(void* buffer, std::int32_t size)
     auto* const out = static_cast<char*>(buffer);
     if (size == 0 && out != nullptr) {
         CEString needed;
-        needed.Format("%zu", m_value.GetLength() + 1);
+        needed.Format("%u", static_cast<unsigned>(m_value.GetLength() + 1));
         std::memcpy(out, needed.CStr(), needed.GetLength() + 1);
         ::Trace(TraceLevel::Normal,
                 "deprecated Feature used: Stringproperties with GetProperty and length 0");

@@ -249,7 +249,7 @@ bool CSendPipeline::BuildMemoryAttachments(CMail& mail)
     const std::int32_t names = m_live.mailAttachmentFilename.GetPartCount();
     if (blocks.size() != static_cast<std::size_t>(names)) {
         CEString counts[2];
-        counts[0].Format("%zu ", blocks.size());
+        counts[0].Format("%llu ", static_cast<unsigned long long>(blocks.size()));
         counts[1].Format("%ld", static_cast<long>(names));
         const CEString text =
             Joined({"Number of attachments in memory ", counts[0].View(), "is not equal to ",
