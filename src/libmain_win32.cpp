@@ -3,6 +3,10 @@
 
 #include "src/threadstate.h"
 
+namespace __gnu_cxx {
+void __freeres(); // of the C++ runtime: gives back the memory that it keeps for exceptions without memory
+}
+
 // Runs under the loader's lock: nothing here loads a library, waits or starts the network. Threads that are
 // older than the library end here without having begun here; those that outlive it are never seen.
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved)
@@ -18,6 +22,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved)
     case DLL_PROCESS_DETACH:
         if (reserved == nullptr) {
             LibraryDetach();
+            __gnu_cxx::__freeres();
         } else {
             DestroyThreadState(); // the process ends: what other threads held is the system's to clear
         }

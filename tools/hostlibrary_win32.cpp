@@ -51,9 +51,9 @@ HostFunction FindHostFunction(HostLibrary library, const char* name)
 // Beside the program, where the package has both, or in the folder above, as in the build tree.
 std::string DefaultLibraryPath()
 {
-    const std::string folder = FolderOf(ProgramPath());
-    for (const char* const way : {"", "..\\"}) {
-        const std::string path = folder + way + kLibraryName;
+    const std::string beside = FolderOf(ProgramPath());
+    for (const std::string& folder : {beside, FolderOf(beside.substr(0, beside.find_last_not_of("/\\")))}) {
+        const std::string path = folder + kLibraryName;
         if (GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
             return path;
         }

@@ -11,6 +11,7 @@
 
 #include "host.h"
 #include "smtpserver.h"
+#include "system.h"
 #include "velmail.h"
 
 namespace {
@@ -84,7 +85,7 @@ struct Outcome
 Outcome RunHost(const Settings& settings, long allocations, bool once, const char* trace)
 {
     Outcome outcome;
-    setenv("VEL_MAILTRACE", trace, 1);
+    SetEnvironment("VEL_MAILTRACE", trace);
     std::thread([&] {
         g_refuseOnce = once;
         g_allocationsLeft = allocations;
@@ -102,7 +103,7 @@ Outcome RunHost(const Settings& settings, long allocations, bool once, const cha
         }
         // The rest of the thread, the end of its state included, still has no memory.
     }).join();
-    unsetenv("VEL_MAILTRACE");
+    SetEnvironment("VEL_MAILTRACE", nullptr);
     return outcome;
 }
 

@@ -1,6 +1,5 @@
 // Properties, errors, versions and the call frame, as a host sees them.
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -8,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "host.h"
+#include "system.h"
 #include "velmail.h"
 
 namespace {
@@ -72,15 +72,15 @@ TEST(Exports, SpeakTheUsersLanguage)
                       {"den_CA", "No recipient specified", 1},
                       {"en_US.UTF-8", "No recipient specified", 1}};
     for (const auto& row : rows) {
-        setenv("LC_ALL", row.language, 1);
         std::thread([&row] {
+            SetUserLanguage(row.language);
             std::array<char, 100> buffer = {};
             EXPECT_EQ(VelMailGetErrorText(650, buffer.data(), buffer.size()), 1);
             EXPECT_STREQ(buffer.data(), row.text) << row.language;
             EXPECT_EQ(VelMailGetErrorText(920, buffer.data(), buffer.size()), row.result) << row.language;
+            SetUserLanguage(nullptr);
         }).join();
     }
-    unsetenv("LC_ALL");
 }
 
 TEST(Exports, ReadPropertiesByTheirKind)
@@ -184,7 +184,7 @@ TEST(Exports, DumpTheLiveSetAndFilterByLevel)
 TEST(Exports, FailWith17WhileNoTraceFileCanBeOpened)
 {
     const CTempFolder folder;
-    setenv("VEL_MAILTRACE", folder.Path("missing/host.log").c_str(), 1);
+    SetEnvironment("VEL_MAILTRACE", folder.Path("missing/host.log").c_str());
     std::thread([&folder] {
         int code = 0;
         EXPECT_EQ(VelMailSetProperty("MailSubject", "x"), 0);
@@ -194,7 +194,7 @@ TEST(Exports, FailWith17WhileNoTraceFileCanBeOpened)
         EXPECT_EQ(LastError(), 17);
         EXPECT_EQ(VelMailSetProperty("MailSubject", "x"), 1);
     }).join();
-    unsetenv("VEL_MAILTRACE");
+    SetEnvironment("VEL_MAILTRACE", nullptr);
 }
 
 } // namespace

@@ -1,12 +1,12 @@
 #include "host.h"
 
 #include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "system.h"
 #include "velmail.h"
 
 void Set(const Settings& settings)
@@ -61,9 +61,9 @@ Settings SmallMail(const std::string& port)
 std::string RunTraced(const std::function<void()>& body, const std::string& level)
 {
     const CTempFolder folder;
-    setenv("VEL_MAILTRACE", (folder.Path("host.log") + ";" + level).c_str(), 1);
+    SetEnvironment("VEL_MAILTRACE", (folder.Path("host.log") + ";" + level).c_str());
     std::thread(body).join();
-    unsetenv("VEL_MAILTRACE");
+    SetEnvironment("VEL_MAILTRACE", nullptr);
     std::string trace;
     for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
         trace += ReadFile(entry.path().string());

@@ -1,6 +1,7 @@
 // What the unit tests share. They write their files into the current folder.
 #pragma once
 
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <random>

@@ -128,6 +128,7 @@ TEST(Files, KeepTheirPlaceAndEndLinesWhileTheyReadAhead)
 
 TEST(Files, WriteAppendMarkAndReportWhatFails)
 {
+    std::filesystem::create_directory("missing"); // where "\\" separates folders
     std::ofstream("missing\\file") << "old content";
     IOFile file;
     file.SetName("missing/file"); // what cannot be opened is tried with "\" for "/"

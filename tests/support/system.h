@@ -1,0 +1,22 @@
+// What tests ask of the system beside sockets; one file per platform implements it.
+#pragma once
+
+#include <cstddef>
+
+// For threads that the library does not know yet. Null unsets the variable.
+void SetEnvironment(const char* name, const char* value);
+// Makes `locale` ("de_DE.UTF-8") the user's language for the calling thread, which the library must not know
+// yet; null takes that back.
+void SetUserLanguage(const char* locale);
+
+// A library loaded at run time; null when that failed.
+[[nodiscard]] void* LoadModule(const char* path);
+[[nodiscard]] void (*FindFunction(void* module, const char* name))();
+[[nodiscard]] bool UnloadModule(void* module);
+
+// What this process holds of the system; each count grows with what a library leaves behind.
+struct Holdings
+{
+    std::size_t handles, slots, bytes;
+};
+[[nodiscard]] Holdings CountHoldings();

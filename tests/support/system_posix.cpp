@@ -1,0 +1,43 @@
+#include "system.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+
+#include <dlfcn.h>
+#include <malloc.h>
+#include <pthread.h>
+
+void SetEnvironment(const char* name, const char* value)
+{
+    value != nullptr ? setenv(name, value, 1) : unsetenv(name);
+}
+
+void SetUserLanguage(const char* locale)
+{
+    SetEnvironment("LC_ALL", locale);
+}
+
+void* LoadModule(const char* path)
+{
+    return dlopen(path, RTLD_NOW | RTLD_LOCAL);
+}
+
+void (*FindFunction(void* module, const char* name))()
+{
+    return reinterpret_cast<void (*)()>(dlsym(module, name));
+}
+
+bool UnloadModule(void* module)
+{
+    return dlclose(module) == 0;
+}
+
+Holdings CountHoldings()
+{
+    pthread_key_t free = 0; // the system gives out the lowest one
+    pthread_key_create(&free, nullptr);
+    pthread_key_delete(free);
+    return {static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})),
+            free, mallinfo2().uordblks};
+}

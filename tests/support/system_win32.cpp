@@ -1,0 +1,52 @@
+#include "system.h"
+
+#include <algorithm>
+#include <string>
+
+#include <windows.h>
+
+#include <psapi.h>
+
+void SetEnvironment(const char* name, const char* value)
+{
+    SetEnvironmentVariableA(name, value);
+}
+
+void SetUserLanguage(const char* locale)
+{
+    std::string name = locale == nullptr ? "" : locale;
+    name.resize(std::min(name.find('.'), name.size()));
+    std::ranges::replace(name, '_', '-');
+    const LCID known = name.empty() ? 0 : LocaleNameToLCID(std::wstring(name.begin(), name.end()).c_str(), 0);
+    SetThreadLocale(known != 0 ? known : LOCALE_USER_DEFAULT);
+}
+
+void* LoadModule(const char* path)
+{
+    return LoadLibraryA(path);
+}
+
+void (*FindFunction(void* module, const char* name))()
+{
+    return reinterpret_cast<void (*)()>(GetProcAddress(static_cast<HMODULE>(module), name));
+}
+
+bool UnloadModule(void* module)
+{
+    return FreeLibrary(static_cast<HMODULE>(module)) != FALSE;
+}
+
+Holdings CountHoldings()
+{
+    // The system gives out the lowest handle and slot. Wine does not count a process's handles.
+    const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    CloseHandle(event);
+    const DWORD slot = TlsAlloc();
+    TlsFree(slot);
+    DWORD handles = 0;
+    PROCESS_MEMORY_COUNTERS memory = {};
+    GetProcessHandleCount(GetCurrentProcess(), &handles);
+    GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
+    return {std::max<std::size_t>(handles, reinterpret_cast<std::size_t>(event) / sizeof(DWORD)), slot,
+            memory.PagefileUsage};
+}
