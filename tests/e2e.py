@@ -1,9 +1,14 @@
-"""The command-line host and a real server: each mail must arrive as its inputs say, byte for byte."""
+"""The command-line host and a real server: each mail must arrive as its inputs say, byte for byte.
 
+Usage: e2e.py [--peer PROGRAM] [EMULATOR] PROGRAM; the peer is another platform's build, whose messages must be the same.
+"""
+
+import argparse
 import asyncio
 import base64
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -12,7 +17,12 @@ import unittest
 
 from aiosmtpd.smtp import SMTP
 
-TOOL = os.path.abspath(sys.argv.pop(1))
+parser = argparse.ArgumentParser()
+parser.add_argument("--peer")
+parser.add_argument("command", nargs="+")
+options = parser.parse_args()
+PEER = [os.path.abspath(options.peer)] if options.peer else None
+TOOL = [os.path.abspath(part) for part in options.command]
 
 
 class Inbox:
@@ -20,6 +30,9 @@ class Inbox:
 
     def __init__(self):
         self.mails = []
+        self.arrived = threading.Event()
+        self.go = threading.Event()  # mails are answered
+        self.go.set()
         self.loop = asyncio.new_event_loop()
         serve = self.loop.create_server(lambda: SMTP(self, data_size_limit=10**9, loop=self.loop), "127.0.0.1", 0)
         self.server = self.loop.run_until_complete(serve)
@@ -28,6 +41,7 @@ class Inbox:
         self.thread.start()
 
     def stop(self):
+        self.go.set()
         self.loop.call_soon_threadsafe(self.server.close)
         self.loop.call_soon_threadsafe(self.loop.stop)
         self.thread.join()
@@ -35,6 +49,8 @@ class Inbox:
 
     async def handle_DATA(self, server, session, envelope):
         self.mails.append(envelope)
+        self.arrived.set()
+        await self.loop.run_in_executor(None, self.go.wait)
         return "250 kept"
 
 
@@ -53,6 +69,20 @@ def wanted(boundary, type_line, text, attachments):
     return out + b + b"--\r\n"
 
 
+def boundary_of(mail):
+    return mail.content.partition(b'boundary="')[2].partition(b'"')[0]
+
+
+def without_what_differs(mail):
+    """The message without the fields that no two messages share; their form is checked."""
+    text = mail.content.replace(boundary_of(mail), b"BOUNDARY")
+    for field in (rb"Date: \w{3}, \d\d? \w{3} \d{4} \d\d:\d\d:\d\d [+-]\d{4}",
+                  rb"Message-Id: <velmail\.[0-9a-f]{16}\.[0-9a-f]{16}\.[0-9a-f]{8}@[^>]+>"):
+        text, count = re.subn(rb"(?m)^" + field + rb"\r$", b"", text)
+        assert count == 1, (field, text[:1000])
+    return text
+
+
 class CommandLineHost(unittest.TestCase):
     def setUp(self):
         self.inbox = Inbox()
@@ -61,13 +91,27 @@ class CommandLineHost(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
-    def run_tool(self, *arguments):
+    def start(self, *arguments, tool=TOOL, trace=None):
         environment = {k: v for k, v in os.environ.items() if k != "VEL_MAILTRACE"}
-        return subprocess.run([TOOL, *arguments], cwd=self.folder, env=environment, capture_output=True, text=True)
+        if trace:
+            environment["VEL_MAILTRACE"] = trace
+        return subprocess.Popen([*tool, *arguments], cwd=self.folder, env=environment, text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
-    def send(self, *arguments):
-        return self.run_tool("MailServer=127.0.0.1", f"MailServerPort={self.inbox.port}", "MailSenderMailBox=a@host.example",
-                             "MailRecipientsMailBox=b@host.example", "MailSubject=Test", *arguments)
+    def end(self, process):
+        stdout, stderr = process.communicate()
+        self.assertNotIn("Unhandled exception", stdout + stderr)
+        return subprocess.CompletedProcess(process.args, process.returncode, stdout, stderr)
+
+    def run_tool(self, *arguments, **how):
+        return self.end(self.start(*arguments, **how))
+
+    def mail_settings(self):
+        return ("MailServer=127.0.0.1", f"MailServerPort={self.inbox.port}", "MailSenderMailBox=a@host.example",
+                "MailRecipientsMailBox=b@host.example", "MailSubject=Test")
+
+    def send(self, *arguments, **how):
+        return self.run_tool(*self.mail_settings(), *arguments, **how)
 
     def test_files_and_memory_arrive_to_the_byte(self):
         text = "Gr\xfc\xdfe\n\n.\n..two\nend".encode("latin-1")
@@ -85,9 +129,14 @@ class CommandLineHost(unittest.TestCase):
             self.assertEqual((result.returncode, result.stderr.count("error")), (0, 0), result)
             mail = self.inbox.mails.pop()
             self.assertEqual((mail.mail_from, mail.rcpt_tos), ("a@host.example", ["b@host.example"]))
-            header, _, body = mail.content.partition(b"\r\n\r\n")
-            boundary = header.partition(b'boundary="')[2].partition(b'"')[0]
-            self.assertTrue(body == wanted(boundary, b"text/plain; charset=ISO-8859-1", text, attachments), arguments)
+            body = mail.content.partition(b"\r\n\r\n")[2]
+            self.assertTrue(body == wanted(boundary_of(mail), b"text/plain; charset=ISO-8859-1", text, attachments),
+                            arguments)
+            if PEER:
+                self.assertEqual(self.send("MailTextContentType=text/plain", *arguments, tool=PEER).returncode, 0)
+                peers = self.inbox.mails.pop()
+                self.assertTrue(without_what_differs(mail) == without_what_differs(peers),
+                                (mail.content[:1000], peers.content[:1000]))
 
     def test_failures_name_their_reason_and_end_with_1(self):
         (self.folder / "t").write_text("x")
@@ -103,6 +152,22 @@ class CommandLineHost(unittest.TestCase):
             self.assertIn(wanted_text, result.stderr)
         self.assertEqual(self.inbox.mails, [])
 
+    def test_a_trace_that_another_process_holds_leads_to_a_letter(self):
+        (self.folder / "t").write_text("x")
+        self.inbox.go.clear()
+        first = self.start(*self.mail_settings(), "MailTextFilename=t", trace="host.log")
+        self.assertTrue(self.inbox.arrived.wait(60))
+        self.assertEqual(self.run_tool("--get", "MailSubject", trace="host.log").stdout, "\n")
+        self.inbox.go.set()
+        self.assertEqual(self.end(first).returncode, 0)
+        lines = (self.folder / "host-a.log").read_text().splitlines()
+        self.assertIn(" VEL job Version ", lines[0])
+        self.assertTrue(lines[1].endswith(" Opened new trace file 'host-a.log', because of a writing conflict with file "
+                                          "'host.log'"), lines)
+        lines = (self.folder / "host.log").read_text().splitlines()
+        self.assertIn(" VEL job Version ", lines[0])
+        self.assertTrue(lines[-1].endswith(" Trace closed."), lines)
+
     def test_shows_properties(self):
         listed = self.run_tool("--help").stdout
         for name in ("MailAttachmentMemoryAddress", "MailAvailable", "UseBulkMail", "MailRecipientCheck"):
@@ -113,4 +178,4 @@ class CommandLineHost(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    unittest.main(argv=sys.argv[:1])

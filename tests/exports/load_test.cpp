@@ -25,12 +25,13 @@ TEST(Load, LeavesNothingBehindWithThreadsThatComeAndGo)
 {
     const CTempFolder folder;
     const std::string setting = folder.Path("host.log") + ";ERROR";
-    SetEnvironment("VEL_MAILTRACE", setting.c_str());
     Holdings before = {};
     for (int round = 0; round < 1000; ++round) {
         if (round == 200) { // what the system and the C runtime keep for themselves is there by now
             before = CountHoldings();
         }
+        // A file for each thread: of all rounds they would slow the folder down.
+        SetEnvironment("VEL_MAILTRACE", round % 10 == 0 ? setting.c_str() : nullptr);
         CLibrary library;
         ASSERT_NE(library.set, nullptr);
         std::vector<std::thread> threads;

@@ -9,6 +9,9 @@ void SetEnvironment(const char* name, const char* value);
 // yet; null takes that back.
 void SetUserLanguage(const char* locale);
 
+// Whether the transport of this platform's library sends in chunks (BDAT) where the server takes them.
+[[nodiscard]] bool TransportSendsChunks();
+
 // A library loaded at run time; null when that failed.
 [[nodiscard]] void* LoadModule(const char* path);
 [[nodiscard]] void (*FindFunction(void* module, const char* name))();

@@ -18,6 +18,11 @@ void SetUserLanguage(const char* locale)
     SetEnvironment("LC_ALL", locale);
 }
 
+bool TransportSendsChunks()
+{
+    return true;
+}
+
 void* LoadModule(const char* path)
 {
     return dlopen(path, RTLD_NOW | RTLD_LOCAL);

@@ -21,6 +21,11 @@ void SetUserLanguage(const char* locale)
     SetThreadLocale(known != 0 ? known : LOCALE_USER_DEFAULT);
 }
 
+bool TransportSendsChunks()
+{
+    return false;
+}
+
 void* LoadModule(const char* path)
 {
     return LoadLibraryA(path);
