@@ -138,6 +138,13 @@ class CommandLineHost(unittest.TestCase):
                 self.assertTrue(without_what_differs(mail) == without_what_differs(peers),
                                 (mail.content[:1000], peers.content[:1000]))
 
+    def test_names_are_the_bytes_of_the_system(self):
+        (self.folder / "gr\xfc\xdfe.txt").write_text("x")
+        result = self.send("MailTextFilename=gr\xfc\xdfe.txt", "MailAttachmentMemoryAddress=@gr\xfc\xdfe.txt")
+        self.assertEqual(result.returncode, 0, result)
+        name = self.inbox.mails.pop().content.partition(b'filename="')[2].partition(b'"')[0]
+        self.assertIn(name, ("gr\xfc\xdfe.txt".encode(encoding) for encoding in ("utf-8", "cp1252")))
+
     def test_failures_name_their_reason_and_end_with_1(self):
         (self.folder / "t").write_text("x")
         for arguments, wanted_text in (

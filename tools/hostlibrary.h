@@ -8,6 +8,10 @@
 using HostLibrary = void*;
 using HostFunction = void (*)();
 
+// The loader takes a name without a folder for one to search for; a user who names an existing file means it:
+// its whole path comes back, any other name as it is.
+[[nodiscard]] std::string PathForLoader(const std::string& path);
+
 // Returns null on failure, with the platform's own words in `reason`.
 [[nodiscard]] HostLibrary LoadHostLibrary(const std::string& path, std::string& reason);
 

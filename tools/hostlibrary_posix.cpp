@@ -37,6 +37,13 @@ std::vector<fs::path> LibraryFolders(const fs::path& prefix)
 
 } // namespace
 
+std::string PathForLoader(const std::string& path)
+{
+    std::error_code error;
+    const fs::path absolute = fs::absolute(path, error);
+    return !error && fs::exists(absolute, error) ? absolute.string() : path;
+}
+
 HostLibrary LoadHostLibrary(const std::string& path, std::string& reason)
 {
     HostLibrary library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);

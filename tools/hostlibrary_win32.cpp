@@ -11,6 +11,11 @@ std::string FolderOf(const std::string& path)
     return path.substr(0, path.find_last_of("/\\") + 1);
 }
 
+bool Exists(const std::string& path)
+{
+    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
 std::string ProgramPath()
 {
     std::string path(MAX_PATH, '\0');
@@ -34,6 +39,15 @@ std::string SystemText(DWORD error)
 
 } // namespace
 
+// Paths stay as the bytes that they came in: the standard library's would be read as UTF-8.
+std::string PathForLoader(const std::string& path)
+{
+    std::string absolute(GetFullPathNameA(path.c_str(), 0, nullptr, nullptr), '\0');
+    absolute.resize(
+        GetFullPathNameA(path.c_str(), static_cast<DWORD>(absolute.size()), absolute.data(), nullptr));
+    return Exists(absolute) ? absolute : path;
+}
+
 HostLibrary LoadHostLibrary(const std::string& path, std::string& reason)
 {
     const HMODULE library = LoadLibraryA(path.c_str());
@@ -54,7 +68,7 @@ std::string DefaultLibraryPath()
     const std::string beside = FolderOf(ProgramPath());
     for (const std::string& folder : {beside, FolderOf(beside.substr(0, beside.find_last_not_of("/\\")))}) {
         const std::string path = folder + kLibraryName;
-        if (GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
+        if (Exists(path)) {
             return path;
         }
     }

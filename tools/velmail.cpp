@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -107,14 +106,6 @@ private:
     decltype(&::VelMailSend) m_send = nullptr;
     decltype(&::VelMailDisconnect) m_disconnect = nullptr;
 };
-
-// The loader takes a name without a folder for one to search for; a user who names an existing file means it.
-std::string PathForLoader(const std::string& path)
-{
-    std::error_code error;
-    const std::filesystem::path absolute = std::filesystem::absolute(path, error);
-    return !error && std::filesystem::exists(absolute, error) ? absolute.string() : path;
-}
 
 CMailLibrary::CMailLibrary(const std::string& path)
     : m_path(path.empty() ? DefaultLibraryPath() : PathForLoader(path))
@@ -356,7 +347,7 @@ void CSettingsWriter::WriteBlocks(const Setting& setting)
         const std::string path = setting.value.substr(1);
         AppendPart(blocks, m_files.Add(path));
         if (attachment) {
-            std::string name = std::filesystem::path(path).filename().string();
+            std::string name = path.substr(path.find_last_of("/\\") + 1); // as the library does
             std::ranges::replace(name, ';', '_'); // the list has no way to quote its separator
             AppendPart(m_attachmentNames, name);
         }

@@ -17,8 +17,14 @@ namespace {
 struct CLibrary
 {
     void* module = LoadModule(VELMAIL_LIBRARY);
-    decltype(&VelMailSetProperty) set =
-        reinterpret_cast<decltype(set)>(FindFunction(module, "VelMailSetProperty"));
+    decltype(&VelMailSetProperty) set = Find<decltype(set)>("VelMailSetProperty");
+    decltype(&VelMailConnect) connect = Find<decltype(connect)>("VelMailConnect");
+
+    template<class Function>
+    Function Find(const char* name) const
+    {
+        return reinterpret_cast<Function>(FindFunction(module, name));
+    }
 };
 
 TEST(Load, LeavesNothingBehindWithThreadsThatComeAndGo)
@@ -36,7 +42,10 @@ TEST(Load, LeavesNothingBehindWithThreadsThatComeAndGo)
         ASSERT_NE(library.set, nullptr);
         std::vector<std::thread> threads;
         for (int i = 0; i < 20; ++i) {
-            threads.emplace_back([&library] { EXPECT_EQ(library.set("MailSubject", "thread"), 1); });
+            threads.emplace_back([&library] { // each ends connected
+                EXPECT_EQ(library.set("MailSubject", "thread"), 1);
+                EXPECT_EQ(library.connect(), 1);
+            });
         }
         std::ranges::for_each(threads, &std::thread::join);
         ASSERT_TRUE(UnloadModule(library.module));
