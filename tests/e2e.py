@@ -31,7 +31,7 @@ class Inbox:
     def __init__(self):
         self.mails = []
         self.arrived = threading.Event()
-        self.go = threading.Event()  # mails are answered
+        self.go = threading.Event()  # mails are answered while it is set
         self.go.set()
         self.loop = asyncio.new_event_loop()
         serve = self.loop.create_server(lambda: SMTP(self, data_size_limit=10**9, loop=self.loop), "127.0.0.1", 0)
