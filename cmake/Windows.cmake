@@ -24,7 +24,7 @@ function(velmail_windows_library TARGET)
 
     set(msvc ${PROJECT_BINARY_DIR}/VelMail64.lib)
     add_custom_command(OUTPUT ${msvc}
-        COMMAND ${CMAKE_DLLTOOL} --temp-prefix velmail -m i386:x86-64 -d ${definition} -l ${msvc}
-        DEPENDS ${definition} VERBATIM)
+        COMMAND ${CMAKE_DLLTOOL} --temp-prefix velmail -m i386:x86-64 -d ${definition} -l VelMail64.lib
+        WORKING_DIRECTORY ${PROJECT_BINARY_DIR} DEPENDS ${definition} VERBATIM) # a path would be in the library
     add_custom_target(${TARGET}_msvc ALL DEPENDS ${msvc})
 endfunction()
