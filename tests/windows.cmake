@@ -22,3 +22,6 @@ velmail_wine_tests(CommandLineHost LinkedHost LoadedHost LoadedHostWithoutTransp
 
 add_test(NAME Binaries COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/install/binaries.sh ${CMAKE_OBJDUMP}
     ${PROJECT_SOURCE_DIR}/cmake/VelMail64.def $<TARGET_FILE:VelMail64> $<TARGET_FILE:esmtp>)
+
+add_test(NAME Package COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/package/run.sh ${PROJECT_BINARY_DIR})
+velmail_wine_tests(Package)
