@@ -76,6 +76,14 @@ bool CEWorkingDir::ChangeDir(const char* name)
     return true;
 }
 
+void CEWorkingDir::NoticeMove()
+{
+    char buffer[kLongestDirectory];
+    int failure = 0;
+    m_changed =
+        m_changed || !platform::CurrentDirectory(buffer, sizeof buffer, failure) || !(*this == buffer);
+}
+
 std::string_view FileNamePart(std::string_view path)
 {
     const std::size_t separator = path.find_last_of("/\\");

@@ -33,6 +33,8 @@ public:
 
     // Changes the process's directory. A null or empty name does nothing and succeeds.
     bool ChangeDir(const char* name);
+    // Sees whether somebody else has moved the process meanwhile; this object then goes back at its end.
+    void NoticeMove();
 
 private:
     CEStringArray m_stack;

@@ -1,16 +1,14 @@
 #include "src/sendpipeline.h"
 
 #include <clocale>
-#include <cstring>
-#include <mutex>
 #include <new>
 #include <vector>
 
 #include "src-baselib/cepaths.h"
 #include "src-baselib/iomem.h"
-#include "src-baselib/neverdestroyed.h"
 #include "src-baselib/platform.h"
 #include "src-baselib/report.h"
+#include "src/numericlocale.h"
 #include "src/recipients.h"
 
 namespace {
@@ -134,17 +132,8 @@ void CSendPipeline::WriteEnvironment(const CEWorkingDir& directory)
 
 void CSendPipeline::UseNumericLocaleC()
 {
-    static CNeverDestroyed<platform::CPlatformMutex> mutex;
-    CEString current;
-    {
-        // The locale belongs to the process: it is changed only where that changes something, and its name is
-        // copied before another thread's send can free it.
-        const std::lock_guard<platform::CPlatformMutex> lock(mutex.Get());
-        current = std::setlocale(LC_ALL, nullptr);
-        if (std::strcmp(std::setlocale(LC_NUMERIC, nullptr), "C") != 0) {
-            std::setlocale(LC_NUMERIC, "C");
-        }
-    }
+    const CEString current = CurrentLocale(LC_ALL);
+    UseNumericLocale("C");
     Trace(TraceLevel::Info, "MAIL: Current locale '%s'", current.CStr());
     Trace(TraceLevel::Info, "MAIL: Set locale LC_NUMERIC=\"C\"");
 }

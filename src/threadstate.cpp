@@ -4,6 +4,7 @@
 
 #include "src-baselib/error.h"
 #include "src-baselib/platform.h"
+#include "src-baselib/privatefile.h"
 
 namespace {
 
@@ -53,6 +54,7 @@ void DestroyThreadState() noexcept
 {
     try {
         ThreadMailVar().Destroy();
+        CPrivateFile::RemoveLeftovers(); // of services that ended before
         ThreadErrorVar().Destroy();
     } catch (const std::exception&) {
         // The state of a thread that is gone: what is left of it can be told to nobody.
