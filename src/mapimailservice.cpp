@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <string>
@@ -395,13 +396,15 @@ bool CMapiMailService::AddRecipients(const CMail& mail, Outgoing& outgoing)
     if (count > kLargestCount) {
         return Fail(ErrorOf(kMapiTooManyRecipients));
     }
-    outgoing.recipients.reserve(count + 1);
+    outgoing.recipients.resize(count + 1);
+    std::memset(outgoing.recipients.data(), 0, outgoing.recipients.size() * sizeof(MapiRecipDesc));
+    MapiRecipDesc* recipient = outgoing.recipients.data();
     for (const auto& [addresses, kind] : lists) {
         for (std::int32_t i = 0; i < addresses.GetCount(); ++i) {
-            AddRecipient(*addresses.At(i), kind, outgoing);
+            recipient->ulRecipClass = kind;
+            FillRecipient(*addresses.At(i), *recipient++, outgoing);
         }
     }
-    outgoing.recipients.emplace_back();
     if (count == 0 && !outgoing.ShowsDialog()) { // the user may choose them there
         return Fail(kNoRecipient);
     }
@@ -410,7 +413,8 @@ bool CMapiMailService::AddRecipients(const CMail& mail, Outgoing& outgoing)
     return true;
 }
 
-void CMapiMailService::AddRecipient(const CMailAddress& address, std::uint32_t kind, Outgoing& outgoing)
+void CMapiMailService::FillRecipient(const CMailAddress& address, MapiRecipDesc& recipient,
+                                     Outgoing& outgoing)
 {
     const bool hasName = !address.GetFullName().IsEmpty();
     CEString name = hasName ? address.GetFullName() : address.GetMailbox();
@@ -422,8 +426,6 @@ void CMapiMailService::AddRecipient(const CMailAddress& address, std::uint32_t k
     } else {
         Trace(TraceLevel::Normal, "Not ResolveName: %s", name.CStr());
     }
-    MapiRecipDesc& recipient = outgoing.recipients.emplace_back();
-    recipient.ulRecipClass = kind;
     recipient.lpszName = outgoing.Keep(name);
     recipient.lpszAddress = outgoing.Keep(mailbox);
 }

@@ -65,7 +65,7 @@ private:
     static bool AddText(CMail& mail, Outgoing& outgoing);
     void AddSender(const CMail& mail, Outgoing& outgoing);
     bool AddRecipients(const CMail& mail, Outgoing& outgoing);
-    void AddRecipient(const CMailAddress& address, std::uint32_t kind, Outgoing& outgoing);
+    void FillRecipient(const CMailAddress& address, MapiRecipDesc& recipient, Outgoing& outgoing);
     // The client's entry for a name, null when it knows none or is not to be asked.
     MapiRecipDesc* Resolve(const char* name);
     void Free(MapiRecipDesc* entry);
