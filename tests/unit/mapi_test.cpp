@@ -273,26 +273,23 @@ TEST_F(Mapi, LogsOnInUpToFourAttempts)
     const std::string fourth = third + "failed 3|4.Versuch mit Session mit Dialog: MapiLogon ";
     const struct
     {
-        bool dialog;
         std::vector<MapiResult> results;
-        int error; // 0: logged on
         const char* flags;
         std::string trace;
-    } cases[] = {{false, {0}, 0, "0", bound + "1.Versuch: MapiLogon erfolgreich mit 0|"},
-                 {false, {3}, 153, "0", bound + "1.Versuch: MapiLogon failed 3|TryMailLogonDialog ist 0|"},
-                 {true, {2}, 152, "0", bound + "1.Versuch: MapiLogon failed 2|TryMailLogonDialog ist 1|"},
-                 {true,
-                  {0x80004005},
-                  152,
-                  "0",
-                  bound + "1.Versuch: MapiLogon failed -2147467259|TryMailLogonDialog ist 1|"},
-                 {true, {3, 0}, 0, "02", second + "erfolgreich mit 0|"},
-                 {true, {3, 1}, 151, "02", second + "failed 1|"},
-                 {true, {3, 3, 0}, 0, "021", third + "erfolgreich mit 0|"},
-                 {true, {3, 3, 1}, 151, "021", third + "failed 1|"},
-                 {true, {3, 3, 3, 0}, 0, "0213", fourth + "erfolgreich mit 0|"},
-                 {true, {3, 3, 3, 3}, 153, "0213", fourth + "failed 3|"},
-                 {true, {3, 3, 3, 26}, 176, "0213", fourth + "failed 26|"}};
+        int error; // 0: logged on
+        bool dialog;
+    } cases[] = {
+        {{0}, "0", bound + "1.Versuch: MapiLogon erfolgreich mit 0|", 0, false},
+        {{3}, "0", bound + "1.Versuch: MapiLogon failed 3|TryMailLogonDialog ist 0|", 153, false},
+        {{2}, "0", bound + "1.Versuch: MapiLogon failed 2|TryMailLogonDialog ist 1|", 152, true},
+        {{0xFFFFFF6A}, "0", bound + "1.Versuch: MapiLogon failed -150|TryMailLogonDialog ist 1|", 152, true},
+        {{3, 0}, "02", second + "erfolgreich mit 0|", 0, true},
+        {{3, 1}, "02", second + "failed 1|", 151, true},
+        {{3, 3, 0}, "021", third + "erfolgreich mit 0|", 0, true},
+        {{3, 3, 1}, "021", third + "failed 1|", 151, true},
+        {{3, 3, 3, 0}, "0213", fourth + "erfolgreich mit 0|", 0, true},
+        {{3, 3, 3, 3}, "0213", fourth + "failed 3|", 153, true},
+        {{3, 3, 3, 26}, "0213", fourth + "failed 26|", 176, true}};
     for (const auto& row : cases) {
         m_client.logons = row.results;
         m_client.seen.clear();
