@@ -214,7 +214,8 @@ protected:
     {
         CError& trace = *ThreadErrorVar().Get();
         static int number = 0; // a closed file's name would not be opened again
-        EXPECT_TRUE(trace.SwitchFile(("mapi" + std::to_string(++number) + ".log").c_str()));
+        const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
+        EXPECT_TRUE(trace.SwitchFile((test + std::to_string(++number)).c_str()));
         const std::string name = CurrentTraceFile();
         body();
         trace.SwitchFile("");
