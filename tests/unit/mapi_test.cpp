@@ -226,7 +226,7 @@ protected:
             {R"(^ *\d+ \d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d,\d{3} )", ""},
             {"^Open file .*\r\n|^File: Current.*\r\n|^Trace closed.\r\n", ""},
             {R"( in src/mapimailservice\(\d+\))", " @"},
-            {R"(\(nil\)|\b0x[0-9a-f]+|\b[0-9A-F]{16}\b)", "P"},
+            {R"(\(nil\)|\b0x[0-9a-f]+|\b[0-9A-Fa-f]{16}\b)", "P"},
             {"\r\n", "|"}};
         for (const auto& [pattern, mark] : marks) {
             lines = std::regex_replace(lines, std::regex(pattern, kAll), mark);
@@ -405,7 +405,7 @@ TEST_F(Mapi, AsksTheRegistryForAClientOnWindows95Alone)
 
 TEST_F(Mapi, HandsOverTheWholeMailAndKeepsTheProcessAsItWas)
 {
-    std::setlocale(LC_NUMERIC, "C.UTF-8");
+    EXPECT_TRUE(std::setlocale(LC_NUMERIC, "C.UTF-8") != nullptr || std::setlocale(LC_NUMERIC, "German"));
     std::fesetround(FE_DOWNWARD);
     m_client.hostState = HostState();
     m_client.book = {{"Ada", {"Ada Lovelace", "SMTP:ada@x.y"}},
@@ -544,7 +544,7 @@ TEST_F(Mapi, HandsOverMemoryInPrivateFilesUntilTheClientIsDone)
             EXPECT_EQ(m_client.seen, "00|Hello|Hi\r\n|-|1 a@b.c a@b.c|evil.txt=" + bytes + "|evil.txt=2nd|");
             for (const std::string& path : m_client.paths) {
                 EXPECT_EQ(fs::exists(path), result == 0) << "kept for a client that reads it later";
-                EXPECT_EQ(fs::path(path).parent_path().parent_path(), fs::temp_directory_path());
+                EXPECT_EQ(fs::path(path).parent_path().parent_path() / "", fs::temp_directory_path() / "");
             }
             EXPECT_TRUE(disconnects ? service->Disconnect() : (service.reset(), true));
             for (const std::string& path : m_client.paths) {
