@@ -82,14 +82,19 @@ CEString SafeFileName(std::string_view name, std::size_t longest)
     if (safe.empty()) {
         safe = "attachment";
     }
-    const std::size_t room = longest - 1; // for the mark of a device name
-    if (safe.size() > room) {
+    if (IsDeviceName(safe)) {
+        safe.insert(0, 1, '_');
+    }
+    if (safe.size() > longest) {
         const std::size_t dot = std::min(safe.rfind('.'), safe.size());
-        const std::string extension = safe.size() - dot < room ? safe.substr(dot) : "";
-        safe = safe.substr(0, room - extension.size()) + extension;
+        const std::string extension = safe.size() - dot < longest ? safe.substr(dot) : "";
+        safe = safe.substr(0, longest - extension.size()) + extension;
         DropTrailingDots(safe);
     }
-    return CEString(IsDeviceName(safe) ? "_" + safe : safe);
+    if (IsDeviceName(safe)) { // only now that it is short
+        safe.front() = '_';
+    }
+    return CEString(safe);
 }
 
 bool CPrivateFile::Create(const CEString& name, IOElement& content)

@@ -1,0 +1,17 @@
+# The delivery through a mail client of ours, in a folder of its own: no other program must find that MAPI32.DLL.
+set(folder ${PROJECT_BINARY_DIR}/mapi)
+add_library(mapi_recorder SHARED mapi/recorder_win32.cpp mapi/recorder.def)
+set_target_properties(mapi_recorder PROPERTIES PREFIX "" OUTPUT_NAME MAPI32 RUNTIME_OUTPUT_DIRECTORY ${folder})
+add_executable(mapi_tests mapi/mapi_win32_test.cpp)
+target_link_libraries(mapi_tests PRIVATE test_support GTest::gtest_main)
+set_target_properties(mapi_tests PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${folder})
+add_dependencies(mapi_tests mapi_recorder velmail)
+add_custom_command(TARGET mapi_tests POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:VelMail64> $<TARGET_FILE:velmail> ${folder}
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:mapi_recorder> ${folder}/recorder.dll VERBATIM)
+
+add_test(NAME MapiClientBesideTheHost COMMAND mapi_tests)
+add_test(NAME MapiClientRegistered COMMAND mapi_tests)
+velmail_wine_tests(MapiClientBesideTheHost MapiClientRegistered)
+set_tests_properties(MapiClientBesideTheHost PROPERTIES ENVIRONMENT "WINEDLLOVERRIDES=mapi32=n")
+set_tests_properties(MapiClientRegistered PROPERTIES ENVIRONMENT "WINEDLLOVERRIDES=mapi32=b;VELMAIL_REGISTERED=1")
