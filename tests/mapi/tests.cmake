@@ -15,3 +15,8 @@ add_test(NAME MapiClientRegistered COMMAND mapi_tests)
 velmail_wine_tests(MapiClientBesideTheHost MapiClientRegistered)
 set_tests_properties(MapiClientBesideTheHost PROPERTIES ENVIRONMENT "WINEDLLOVERRIDES=mapi32=n")
 set_tests_properties(MapiClientRegistered PROPERTIES ENVIRONMENT "WINEDLLOVERRIDES=mapi32=b;VELMAIL_REGISTERED=1")
+add_test(NAME MapiCommandLineHost COMMAND /usr/bin/python3 ${CMAKE_CURRENT_SOURCE_DIR}/mapi/host_test.py
+    ${CMAKE_CROSSCOMPILING_EMULATOR} ${folder}/velmail.exe)
+velmail_wine_tests(MapiCommandLineHost)
+# Another's registration would be the client of the system's own.
+set_tests_properties(MapiClientRegistered MapiCommandLineHost PROPERTIES RESOURCE_LOCK MailClients)
