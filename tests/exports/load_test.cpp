@@ -1,7 +1,7 @@
 // The library comes and goes with hosts that load it at run time, their threads in any order with it.
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,18 +65,16 @@ TEST(Load, IsOutlivedByThreads)
         CLibrary library;
         ASSERT_NE(library.set, nullptr);
         EXPECT_EQ(library.set("MailSubject", "main"), 1);
-        std::atomic<bool> used = false;
-        std::atomic<bool> unloaded = false;
+        std::promise<void> used;
+        std::promise<void> unloaded;
         std::thread outliving([&] { // ends after the library: nothing of it may run then
             EXPECT_EQ(library.set("MailServer", ""), 1);
-            used = true;
-            used.notify_one();
-            unloaded.wait(false);
+            used.set_value();
+            unloaded.get_future().wait();
         });
-        used.wait(false);
+        used.get_future().wait();
         EXPECT_TRUE(UnloadModule(library.module));
-        unloaded = true;
-        unloaded.notify_one();
+        unloaded.set_value();
         outliving.join();
         for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
             EXPECT_EQ(ReadFile(entry.path().string()).substr(0, 5), "   1 ");
