@@ -63,7 +63,7 @@ class CommandLineHost(unittest.TestCase):
         """It may well report success with nobody behind it; the host ends in any case, and nothing stays."""
         result = self.send("b", "MailAttachmentMemoryAddress=@order.csv", "MailAttachmentMemoryAddress=@picture.png")
         trace = (self.folder / "host.log").read_text("latin-1")
-        returned = int(re.search(r"SendMail returns (\d+)\r", trace)[1])
+        returned = int(re.search(r"SendMail returns (\d+)", trace)[1])
         self.assertEqual(result.returncode, 0 if returned <= 1 else 1, result)
         if returned > 1:
             self.assertRegex(result.stderr, r"error (%d|659): " % (150 + returned))
