@@ -1,11 +1,11 @@
 #include "system.h"
 
 #include <algorithm>
+#include <array>
+#include <span>
 #include <string>
 
 #include <windows.h>
-
-#include <psapi.h>
 
 void SetEnvironment(const char* name, const char* value)
 {
@@ -41,6 +41,24 @@ bool UnloadModule(void* module)
     return FreeLibrary(static_cast<HMODULE>(module)) != FALSE;
 }
 
+namespace {
+// The pages of the process tell too little: a heap takes and gives back many at once.
+std::size_t HeapBytes()
+{
+    std::array<HANDLE, 64> heaps = {};
+    const DWORD count = GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data());
+    std::size_t bytes = 0;
+    for (const HANDLE heap : std::span(heaps).first(std::min<std::size_t>(count, heaps.size()))) {
+        HeapLock(heap);
+        for (PROCESS_HEAP_ENTRY block = {}; HeapWalk(heap, &block) != FALSE;) {
+            bytes += (block.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 ? block.cbData : 0;
+        }
+        HeapUnlock(heap);
+    }
+    return bytes;
+}
+} // namespace
+
 Holdings CountHoldings()
 {
     // The system gives out the lowest handle and slot. Wine does not count a process's handles.
@@ -49,9 +67,7 @@ Holdings CountHoldings()
     const DWORD slot = TlsAlloc();
     TlsFree(slot);
     DWORD handles = 0;
-    PROCESS_MEMORY_COUNTERS memory = {};
     GetProcessHandleCount(GetCurrentProcess(), &handles);
-    GetProcessMemoryInfo(GetCurrentProcess(), &memory, sizeof memory);
     return {std::max<std::size_t>(handles, reinterpret_cast<std::size_t>(event) / sizeof(DWORD)), slot,
-            memory.PagefileUsage};
+            HeapBytes()};
 }
