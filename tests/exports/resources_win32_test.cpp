@@ -19,6 +19,7 @@ TEST(Resources, HoldTheOlderTextsInBothLanguages)
         return std::string(buffer.data());
     };
     EXPECT_EQ(text(0), "Es ist kein Fehler aufgetreten");
+    EXPECT_EQ(text(10000), "All operations completed successfully");
     EXPECT_EQ(text(17), "Kein Zugriff auf Tracedatei");
     EXPECT_EQ(text(10017), "No access to tracefile");
     EXPECT_EQ(text(196), "Fehler bei der Speicherausgabe");
