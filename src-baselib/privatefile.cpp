@@ -79,9 +79,6 @@ CEString SafeFileName(std::string_view name, std::size_t longest)
     };
     std::replace_if(safe.begin(), safe.end(), isReserved, '_');
     DropTrailingDots(safe);
-    if (safe.empty()) {
-        safe = "attachment";
-    }
     if (IsDeviceName(safe)) {
         safe.insert(0, 1, '_');
     }
@@ -90,6 +87,9 @@ CEString SafeFileName(std::string_view name, std::size_t longest)
         const std::string extension = safe.size() - dot < longest ? safe.substr(dot) : "";
         safe = safe.substr(0, longest - extension.size()) + extension;
         DropTrailingDots(safe);
+    }
+    if (safe.empty()) { // perhaps only now that it is short
+        safe = "attachment";
     }
     if (IsDeviceName(safe)) { // only now that it is short
         safe.front() = '_';

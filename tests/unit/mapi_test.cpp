@@ -599,6 +599,7 @@ TEST(PrivateFiles, HaveNamesThatStayInTheirFolder)
         {cut.substr(0, 20), 20, cut.substr(0, 20)},
         {cut, 20, cut.substr(0, 20)},
         {"a." + cut, 20, "a." + cut.substr(0, 18)},
+        {"." + std::string(30, ' ') + "x", 20, "attachment"},
         {"n.n" + cut.substr(0, 15) + ". .x" + cut, 20, "n.n" + cut.substr(0, 15)},
         {"conx.y12345678901234", 19, "_on.y12345678901234"}};
     for (const auto& [name, longest, wanted] : cases) {
