@@ -1,6 +1,7 @@
 #include "src-baselib/cepaths.h"
 
 #include <new>
+#include <system_error>
 
 #include "src-baselib/platform.h"
 #include "src-baselib/report.h"
@@ -39,6 +40,8 @@ CEWorkingDir::CEWorkingDir()
     if (IsEmpty()) {
         CEWorkingDir::ReportDirError(kCannotFind, "");
     } else {
+        std::error_code failure;
+        m_place = std::filesystem::current_path(failure);
         m_stack.Add(*this);
     }
 }
@@ -50,7 +53,13 @@ CEWorkingDir::~CEWorkingDir()
         // A send that changed nothing must not move the process: another thread may be at work elsewhere.
         if (m_changed) {
             try {
-                ChangeDir(last->CStr());
+                std::error_code failure;
+                std::filesystem::current_path(m_place, failure);
+                if (failure) {
+                    ChangeDir(last->CStr());
+                } else {
+                    Trace(TraceLevel::Normal, "File: Current directory changed to '%s'", last->CStr());
+                }
             } catch (const std::bad_alloc&) {
                 // The directory is changed before anything needs memory.
             }
@@ -76,12 +85,14 @@ bool CEWorkingDir::ChangeDir(const char* name)
     return true;
 }
 
-void CEWorkingDir::NoticeMove()
+void CEWorkingDir::NoticeMove() noexcept
 {
-    char buffer[kLongestDirectory];
-    int failure = 0;
-    m_changed =
-        m_changed || !platform::CurrentDirectory(buffer, sizeof buffer, failure) || !(*this == buffer);
+    try {
+        std::error_code failure;
+        m_changed = m_changed || std::filesystem::current_path(failure) != m_place;
+    } catch (const std::bad_alloc&) {
+        m_changed = true; // going back to where it is does no harm
+    }
 }
 
 std::string_view FileNamePart(std::string_view path)

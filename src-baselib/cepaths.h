@@ -2,6 +2,8 @@
 // directory and returns to it when it is destroyed. The current directory belongs to the whole process.
 #pragma once
 
+#include <filesystem>
+
 #include "src-baselib/cestring.h"
 
 class CEPathString : public CEString
@@ -34,10 +36,11 @@ public:
     // Changes the process's directory. A null or empty name does nothing and succeeds.
     bool ChangeDir(const char* name);
     // Sees whether somebody else has moved the process meanwhile; this object then goes back at its end.
-    void NoticeMove();
+    void NoticeMove() noexcept;
 
 private:
     CEStringArray m_stack;
+    std::filesystem::path m_place; // the same exactly: the text lacks what the code page has no character for
     bool m_changed = false;
 };
 

@@ -39,6 +39,7 @@ struct Leftovers
 {
     platform::CPlatformMutex mutex;
     std::vector<std::unique_ptr<CPrivateFile>> files;
+    std::vector<const CPrivateFile*> living; // their owners'
 };
 
 Leftovers& ProcessLeftovers()
@@ -112,6 +113,11 @@ bool CPrivateFile::Create(const CEString& name, IOElement& content)
     }
     m_path = m_folder;
     m_path.Append(SafeFileName(name.View(), kLongestPath - m_folder.GetLength()).View());
+    {
+        Leftovers& leftovers = ProcessLeftovers();
+        const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
+        leftovers.living.push_back(this);
+    }
 
     CTracedFile file;
     file.SetFileName(m_path.CStr());
@@ -142,11 +148,15 @@ bool CPrivateFile::Remove()
 
 CPrivateFile::~CPrivateFile()
 {
+    Leftovers& leftovers = ProcessLeftovers();
     try {
+        {
+            const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
+            std::erase(leftovers.living, this);
+        }
         if (Remove()) {
             return;
         }
-        Leftovers& leftovers = ProcessLeftovers();
         const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
         leftovers.files.reserve(leftovers.files.size() + 1);
         auto rest = std::make_unique<CPrivateFile>();
@@ -164,4 +174,18 @@ void CPrivateFile::RemoveLeftovers()
     Leftovers& leftovers = ProcessLeftovers();
     const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
     tried.swap(leftovers.files);
+}
+
+void CPrivateFile::RemoveAll() noexcept
+{
+    RemoveLeftovers();
+    std::vector<const CPrivateFile*> living; // gives back its memory
+    Leftovers& leftovers = ProcessLeftovers();
+    const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
+    living.swap(leftovers.living);
+    for (const CPrivateFile* const file : living) {
+        int error = 0; // nobody is left to be told
+        platform::RemoveFile(file->m_path.CStr(), error);
+        platform::RemoveFolder(file->m_folder.CStr(), error);
+    }
 }

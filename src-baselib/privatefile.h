@@ -24,6 +24,8 @@ public:
 
     // Tries again to remove what could not be removed.
     static void RemoveLeftovers();
+    // Removes the files of all threads: those that a process ends with never give back theirs.
+    static void RemoveAll() noexcept;
 
 private:
     bool Remove();

@@ -1,6 +1,7 @@
 // The loader's entry point: the library begins and ends with its module, a thread's state with the thread.
 #include <windows.h>
 
+#include "src-baselib/privatefile.h"
 #include "src/threadstate.h"
 
 namespace __gnu_cxx {
@@ -24,7 +25,10 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved)
             LibraryDetach();
             __gnu_cxx::__freeres();
         } else {
-            DestroyThreadState(); // the process ends: what other threads held is the system's to clear
+            // The process ends and its other threads are gone: what they held is the system's to clear,
+            // except for their files.
+            DestroyThreadState();
+            CPrivateFile::RemoveAll();
         }
         break;
     default:

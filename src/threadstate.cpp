@@ -90,6 +90,7 @@ void LibraryAttach(void* module) noexcept
 void LibraryDetach() noexcept
 {
     DestroyThreadState();
+    CPrivateFile::RemoveAll(); // also those of threads that outlive the library
     platform::SetThreadEndHook(nullptr);
     ThreadMailVar().Free();
     ThreadErrorVar().Free();

@@ -154,6 +154,27 @@ TEST_F(MailClient, TakesFilesAndNamesAndLeavesTheProcessAsItWas)
     Recorder<void()>("RecorderTakeAttachments");
 }
 
+TEST_F(MailClient, LeavesTheProcessInAFolderThatTheCodePageCannotName)
+{
+    wchar_t home[MAX_PATH] = L"", before[MAX_PATH] = L"", after[MAX_PATH] = L"";
+    GetCurrentDirectoryW(MAX_PATH, home);
+    const std::string folder = m_folder.Path();
+    const std::wstring strange = std::wstring(folder.begin(), folder.end()) + L"\\\x65e5\x672c";
+    ASSERT_TRUE(CreateDirectoryW(strange.c_str(), nullptr) && SetCurrentDirectoryW(strange.c_str()));
+    GetCurrentDirectoryW(MAX_PATH, before);
+    std::thread([&] {
+        Settings mail = Mail();
+        mail["MailWorkSpace"] = folder;
+        Set(mail);
+        EXPECT_EQ(VelMailConnect(), 1);
+        EXPECT_EQ(SendAndDisconnect(), 0);
+    }).join();
+    GetCurrentDirectoryW(MAX_PATH, after);
+    EXPECT_STREQ(after, before);
+    SetCurrentDirectoryW(home);
+    RemoveDirectoryW(strange.c_str());
+}
+
 TEST_F(MailClient, ReadsMemoryAttachmentsLateAndNothingStaysBehind)
 {
     static const std::string first(100'000, '\xFF');
@@ -211,6 +232,48 @@ TEST_F(MailClient, ReadsMemoryAttachmentsLateAndNothingStaysBehind)
         ASSERT_EQ(files.size(), 1U);
         EXPECT_TRUE(files[0].size() == 259 && files[0].ends_with("l.txt") && !isThere(files[0])) << files[0];
     }
+}
+
+// The host of the test below: its process ends while the thread that has sent is still there.
+TEST(MailClientChild, DISABLED_EndsWithAThreadThatHasSent)
+{
+    const HANDLE sent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    std::thread([&] {
+        Settings mail = SmallMail("");
+        mail["MailProtocol"] = "MAPI";
+        mail["MailAttachmentMemoryAddress"] = Block("x");
+        mail["MailAttachmentFilename"] = "x.txt";
+        Set(mail);
+        EXPECT_EQ(VelMailConnect(), 1);
+        EXPECT_EQ(VelMailSend(), 1);
+        SetEvent(sent);
+        WaitForSingleObject(GetCurrentThread(), INFINITE); // until the process ends
+    }).detach();
+    WaitForSingleObject(sent, INFINITE);
+    ExitProcess(testing::Test::HasFailure() ? 1 : 0);
+}
+
+TEST_F(MailClient, NoFileStaysWhenTheProcessEndsBeforeItsThread)
+{
+    char program[MAX_PATH] = "";
+    GetModuleFileNameA(nullptr, program, sizeof program);
+    std::string command = std::string("\"") + program +
+                          "\" --gtest_also_run_disabled_tests --gtest_filter=*EndsWithAThreadThatHasSent";
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION child = {};
+    ASSERT_NE(CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                             &child),
+              0);
+    WaitForSingleObject(child.hProcess, INFINITE);
+    DWORD status = 1;
+    EXPECT_TRUE(GetExitCodeProcess(child.hProcess, &status) != 0 && status == 0) << status;
+    CloseHandle(child.hThread);
+    CloseHandle(child.hProcess);
+    std::smatch path;
+    const std::string written = ReadFile(m_folder.Path("record"));
+    ASSERT_TRUE(std::regex_search(written, path, std::regex(R"(  file: (.*)\\x\.txt)"))) << written;
+    EXPECT_EQ(GetFileAttributesA(path[1].str().c_str()), INVALID_FILE_ATTRIBUTES) << path[1];
 }
 
 TEST_F(MailClient, ResultsReachTheHost)

@@ -568,6 +568,11 @@ TEST_F(Mapi, HandsOverMemoryInPrivateFilesUntilTheClientIsDone)
     fs::remove(folder / "late"); // the client is done
     CPrivateFile::RemoveLeftovers();
     EXPECT_FALSE(fs::exists(folder));
+    m_client.addsFile = false;
+    EXPECT_TRUE(service->Send(mail));
+    CPrivateFile::RemoveAll(); // the process ends before the service
+    EXPECT_FALSE(fs::exists(fs::path(m_client.paths.back()).parent_path()));
+    EXPECT_EQ(Traced([&] { service->Disconnect(); }), "");
     EXPECT_EQ(TakeError(), 0);
 }
 
