@@ -4,6 +4,7 @@
 #include <array>
 #include <cfenv>
 #include <clocale>
+#include <fstream>
 #include <regex>
 #include <thread>
 
@@ -154,25 +155,37 @@ TEST_F(MailClient, TakesFilesAndNamesAndLeavesTheProcessAsItWas)
     Recorder<void()>("RecorderTakeAttachments");
 }
 
-TEST_F(MailClient, LeavesTheProcessInAFolderThatTheCodePageCannotName)
+TEST_F(MailClient, FoldersMayHaveNamesThatTheCodePageHasNot)
 {
-    wchar_t home[MAX_PATH] = L"", before[MAX_PATH] = L"", after[MAX_PATH] = L"";
+    wchar_t home[MAX_PATH] = L"", before[MAX_PATH] = L"", after[MAX_PATH] = L"", temporary[MAX_PATH] = L"";
     GetCurrentDirectoryW(MAX_PATH, home);
+    GetEnvironmentVariableW(L"TMP", temporary, MAX_PATH);
     const std::string folder = m_folder.Path();
     const std::wstring strange = std::wstring(folder.begin(), folder.end()) + L"\\\x65e5\x672c";
     ASSERT_TRUE(CreateDirectoryW(strange.c_str(), nullptr) && SetCurrentDirectoryW(strange.c_str()));
     GetCurrentDirectoryW(MAX_PATH, before);
-    std::thread([&] {
-        Settings mail = Mail();
-        mail["MailWorkSpace"] = folder;
-        Set(mail);
-        EXPECT_EQ(VelMailConnect(), 1);
-        EXPECT_EQ(SendAndDisconnect(), 0);
-    }).join();
-    GetCurrentDirectoryW(MAX_PATH, after);
-    EXPECT_STREQ(after, before);
+    std::ofstream("a longer name.txt") << "file";
+    SetEnvironmentVariableW(L"TMP", strange.c_str());
+    for (const char* const memory : {"", "memory"}) {
+        std::thread([&] {
+            Settings mail = Mail();
+            mail["MailWorkSpace"] = *memory == '\0' ? "" : folder;
+            mail["MailAttachmentFilename"] = "a longer name.txt";
+            mail["MailAttachmentMemoryAddress"] = *memory == '\0' ? "" : Block(memory);
+            Set(mail);
+            EXPECT_EQ(VelMailConnect(), 1);
+            EXPECT_EQ(SendAndDisconnect(), 0);
+        }).join();
+        const std::string copy = m_folder.Path("a longer name.txt");
+        EXPECT_EQ(ReadFile(copy), *memory == '\0' ? "file" : memory);
+        DeleteFileA(copy.c_str());
+        GetCurrentDirectoryW(MAX_PATH, after);
+        EXPECT_STREQ(after, before);
+    }
+    SetEnvironmentVariableW(L"TMP", temporary);
+    DeleteFileA("a longer name.txt");
     SetCurrentDirectoryW(home);
-    RemoveDirectoryW(strange.c_str());
+    EXPECT_TRUE(RemoveDirectoryW(strange.c_str())) << "a private folder stayed";
 }
 
 TEST_F(MailClient, ReadsMemoryAttachmentsLateAndNothingStaysBehind)
