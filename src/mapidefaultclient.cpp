@@ -1,5 +1,6 @@
 #include "src/mapidefaultclient.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 

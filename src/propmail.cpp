@@ -34,9 +34,13 @@ bool CMailProperty::GetValue(void* buffer, std::int32_t size)
         RaiseError(kNotReadableBuffer);
         return false;
     }
+    const auto answer = [=](MapiState state) {
+        const std::string_view text = StateText(state).substr(0, static_cast<std::size_t>(size - 1));
+        *std::copy(text.begin(), text.end(), static_cast<char*>(buffer)) = '\0';
+    };
+    answer(MapiState::NotTried); // as long as the client has not answered, and without memory to ask it
     const CMapiMailService service(m_logonDialog.GetBool() != 0, false);
-    const std::string_view text = StateText(service.GetState()).substr(0, static_cast<std::size_t>(size - 1));
-    *std::copy(text.begin(), text.end(), static_cast<char*>(buffer)) = '\0';
+    answer(service.GetState());
     return true;
 }
 
