@@ -40,8 +40,6 @@ CEWorkingDir::CEWorkingDir()
     if (IsEmpty()) {
         CEWorkingDir::ReportDirError(kCannotFind, "");
     } else {
-        std::error_code failure;
-        m_place = std::filesystem::current_path(failure);
         m_stack.Add(*this);
     }
 }
@@ -72,6 +70,7 @@ bool CEWorkingDir::ChangeDir(const char* name)
     if (name == nullptr || *name == '\0') {
         return true;
     }
+    RememberPlace();
     int failure = 0;
     const bool changed = platform::ChangeDirectory(name, failure);
     SetLastFailure(failure);
@@ -83,6 +82,12 @@ bool CEWorkingDir::ChangeDir(const char* name)
     Assign(name);
     m_changed = true;
     return true;
+}
+
+void CEWorkingDir::RememberPlace()
+{
+    std::error_code failure;
+    m_place = m_changed ? m_place : std::filesystem::current_path(failure);
 }
 
 void CEWorkingDir::NoticeMove() noexcept

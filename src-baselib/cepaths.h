@@ -35,7 +35,9 @@ public:
 
     // Changes the process's directory. A null or empty name does nothing and succeeds.
     bool ChangeDir(const char* name);
-    // Sees whether somebody else has moved the process meanwhile; this object then goes back at its end.
+    // Sees whether somebody else has moved the process since RememberPlace; this object then goes back at its
+    // end.
+    void RememberPlace();
     void NoticeMove() noexcept;
 
 private:

@@ -6,6 +6,7 @@
 
 CMapiCall::CMapiCall() : m_numericLocale(CurrentLocale(LC_NUMERIC))
 {
+    m_directory.RememberPlace();
     std::fegetenv(&m_floatingPoint);
 }
 
