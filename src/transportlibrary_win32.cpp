@@ -13,6 +13,10 @@
 #include "src-baselib/report.h"
 #include "src/smtptrace.h"
 
+// What this library imports of the transport, and where this library lies.
+extern "C" const ImgDelayDescr kImports asm("__DELAY_IMPORT_DESCRIPTOR_libesmtp_delay_a");
+extern "C" const char kOwnImage[] asm("__ImageBase");
+
 namespace {
 
 constexpr const char* kFileName = "libesmtp-6.dll";
@@ -49,6 +53,20 @@ std::wstring PathBesideOwn()
     return path;
 }
 
+// A function that a replaced transport lacks would end the host at its first call.
+bool HasAllImports(HMODULE library)
+{
+    const auto* import = reinterpret_cast<const IMAGE_THUNK_DATA*>(kOwnImage + kImports.rvaINT);
+    for (; import->u1.AddressOfData != 0; ++import) {
+        const auto* const named =
+            reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(kOwnImage + import->u1.AddressOfData);
+        if (GetProcAddress(library, named->Name) == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
 HMODULE Load()
 {
     const std::wstring path = PathBesideOwn();
@@ -61,7 +79,7 @@ HMODULE Load()
     const FARPROC place = library == nullptr ? nullptr : GetProcAddress(library, "smtp_create_session");
     HMODULE pinned = nullptr;
     // Its keys for what a thread owns are never given back, so it must outlive every thread.
-    if (place == nullptr ||
+    if (place == nullptr || !HasAllImports(library) ||
         GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
                            reinterpret_cast<const wchar_t*>(place), &pinned) == 0) {
         const DWORD error = GetLastError();
