@@ -17,6 +17,12 @@ package=$(echo "$work/un packed"/velmail-*-win64)
 (cd "$package" && sha256sum --check --quiet --strict SHA256SUMS)
 [ "$(find "$package" -type f | wc -l)" -eq "$(($(wc -l <"$package/SHA256SUMS") + 1))" ]
 
+# What the documents lead to is in the package.
+(cd "$package" && grep -oE '\]\([^)#:]+\)' README.md docs/*.md) | while IFS=: read -r document link; do
+    link=${link#](}
+    ls "$package/$(dirname "$document")/${link%)}" >/dev/null
+done
+
 for library in libVelMail64.dll.a VelMail64.lib; do
     x86_64-w64-mingw32-gcc-posix -std=c99 "$package/examples/host.c" -I"$package/include" "$package/lib/$library" \
         -o "$package/host.exe"
