@@ -3,6 +3,7 @@
 #include <exception>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include <windows.h>
 
@@ -126,7 +127,9 @@ bool LoadTransport(CEString& reason)
     if (g_transport == nullptr) {
         g_transport = Load();
         if (g_transport == nullptr) {
-            reason = platform::SystemErrorText(static_cast<int>(GetLastError()));
+            const CEString text = platform::SystemErrorText(static_cast<int>(GetLastError()));
+            const std::string_view line = text.View();
+            reason = CEString(line.substr(0, line.find_last_not_of("\r\n") + 1));
             return false;
         }
         __pfnDliNotifyHook2 = OnDelayLoad;
