@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -22,16 +21,14 @@
 
 namespace {
 
-// Descriptors are handed out lowest first, so the new socket lies close to the lowest free one: behind it, or
-// before it where another thread has closed something meanwhile.
+// Descriptors are handed out lowest first, so the new socket lies close to the lowest free one: before it, or
+// behind it where another thread has closed something meanwhile.
 constexpr int kRange = 32;
 constexpr int kBefore = 16;
 // Where many threads open and close at once, it may lie farther off. The second look costs less than the
 // wait.
 constexpr int kWideBefore = 256;
 constexpr int kWideBehind = 64;
-// What a descriptor is: the kernel's own number of a socket, 0 for anything else and for none.
-using Sockets = std::array<std::uint64_t, kRange>;
 
 struct Peer
 {
@@ -96,45 +93,40 @@ std::uint64_t SocketNumber(int descriptor)
     return getsockopt(descriptor, SOL_SOCKET, SO_COOKIE, &number, &length) == 0 ? number : 0;
 }
 
-// Whether `received` bytes have come in on a connection; true where the system does not count them.
-bool HasReceived(int descriptor, std::uint64_t received)
+// Numbers of a connection; larger than any where the system does not count them.
+struct Traffic
+{
+    std::uint64_t received = UINT64_MAX; // bytes
+    std::uint64_t sent = UINT64_MAX;     // segments with data
+};
+
+Traffic TrafficOf(int descriptor)
 {
     tcp_info info = {};
     socklen_t length = sizeof info;
-    return getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
-           length < offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received ||
-           info.tcpi_bytes_received == received;
-}
-
-// One call whatever the host has open, and one for each descriptor of the range that is.
-bool ListSockets(int first, Sockets& sockets)
-{
-    std::array<pollfd, kRange> list = {};
-    for (int i = 0; i < kRange; ++i) {
-        list.at(static_cast<std::size_t>(i)).fd = first + i;
+    if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
+        length < offsetof(tcp_info, tcpi_data_segs_out) + sizeof info.tcpi_data_segs_out) {
+        return {};
     }
-    if (poll(list.data(), list.size(), 0) < 0) {
-        return false;
-    }
-    std::transform(list.begin(), list.end(), sockets.begin(), [](const pollfd& entry) {
-        return (entry.revents & POLLNVAL) == 0 ? SocketNumber(entry.fd) : 0;
-    });
-    return true;
+    return {info.tcpi_bytes_received, info.tcpi_data_segs_out};
 }
 
-int GetOption(int descriptor, int level, int option)
-{
-    int value = -1;
-    socklen_t length = sizeof value;
-    return getsockopt(descriptor, level, option, &value, &length) == 0 ? value : -1;
-}
-
-// A connection as the transport makes it: to that port, not blocking, its small writes gathered.
+// A connection as the transport makes it: to that port, not blocking, nothing sent.
 bool LooksLikeTransport(int descriptor, in_port_t port, Peer& peer)
 {
+    if (!GetPeer(descriptor, peer) || PortOf(peer.address) != port) {
+        return false;
+    }
     const int flags = fcntl(descriptor, F_GETFL);
-    return flags >= 0 && (flags & O_NONBLOCK) != 0 && GetPeer(descriptor, peer) &&
-           PortOf(peer.address) == port && GetOption(descriptor, IPPROTO_TCP, TCP_NODELAY) == 0;
+    const std::uint64_t sent = TrafficOf(descriptor).sent;
+    return flags >= 0 && (flags & O_NONBLOCK) != 0 && (sent == 0 || sent == UINT64_MAX);
+}
+
+bool IsAtOnce(int descriptor)
+{
+    int value = 0;
+    socklen_t length = sizeof value;
+    return getsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &value, &length) == 0 && value != 0;
 }
 
 // A refusal costs time and nothing else: the mail goes out either way.
@@ -151,12 +143,13 @@ struct CTransportSocket::Search
     // What the sessions of all threads have adopted, so that none takes another one's.
     static std::mutex s_mutex;
     static Search* s_adopted;
-    // The descriptor that the last one had; the next is the same where a host sends one mail after the other.
-    static int s_last;
-    // How many connections were begun: another one at the same time may get the descriptor that is expected
-    // here.
+    // How many connections were begun: one that another thread makes at the same time may lie where this
+    // one's is expected.
     static std::uint64_t s_begun;
     static int s_connecting;
+    // The descriptor of the thread's last connection. The next has the same where a host sends one mail after
+    // the other.
+    static thread_local int s_last;
 
     static bool IsAdopted(std::uint64_t socket)
     {
@@ -175,11 +168,11 @@ struct CTransportSocket::Search
         Peer peer;
         bool mixed = false; // there were others, connected to that port of another server
 
-        void Consider(int descriptor, std::uint64_t socket, in_port_t expected)
+        void Consider(int descriptor, in_port_t expected)
         {
             Peer other;
-            if (socket == 0 || count == descriptors.size() || IsAdopted(socket) ||
-                !LooksLikeTransport(descriptor, expected, other)) {
+            if (count == descriptors.size() || !LooksLikeTransport(descriptor, expected, other) ||
+                IsAdopted(SocketNumber(descriptor))) {
                 return;
             }
             mixed = mixed || (count > 0 && !(other == peer));
@@ -189,16 +182,14 @@ struct CTransportSocket::Search
     };
 
     Candidates Look() const;
-    bool IsLastFree();
+    void Begin();
     void EndConnecting();
     void Take(int found);
 
-    in_port_t port = 0; // in network order; 0: nothing is expected
-    int first = 0;      // of the range of descriptors
-    int likely = -1;    // it was free, and no other connection was being made: no other need be looked at
+    in_port_t port = 0;       // in network order; 0: nothing is expected
     std::uint64_t number = 0; // of the connection, as s_begun counts
+    bool alone = false;       // no other was being made when it began
     bool connecting = false;  // counted in s_connecting
-    Sockets before = {};
     int descriptor = -1;      // adopted; owned by the transport
     std::uint64_t socket = 0; // the kernel's number of it: a descriptor may be another socket's before long
     bool atOnce = false;
@@ -208,9 +199,9 @@ struct CTransportSocket::Search
 
 std::mutex CTransportSocket::Search::s_mutex;
 CTransportSocket::Search* CTransportSocket::Search::s_adopted = nullptr;
-int CTransportSocket::Search::s_last = -1;
 std::uint64_t CTransportSocket::Search::s_begun = 0;
 int CTransportSocket::Search::s_connecting = 0;
+thread_local int CTransportSocket::Search::s_last = -1;
 
 CTransportSocket::CTransportSocket() : m_search(std::make_unique<Search>()) {}
 
@@ -219,13 +210,12 @@ CTransportSocket::~CTransportSocket()
     Release();
 }
 
-// Whether the descriptor to expect is free, and nobody else's to take: with the mutex held.
-bool CTransportSocket::Search::IsLastFree()
+void CTransportSocket::Search::Begin()
 {
+    const std::lock_guard<std::mutex> lock(s_mutex);
     number = ++s_begun;
-    const bool alone = s_connecting++ == 0;
+    alone = s_connecting++ == 0;
     connecting = true;
-    return alone && s_last >= 0 && fcntl(s_last, F_GETFD) == -1 && errno == EBADF;
 }
 
 void CTransportSocket::Search::EndConnecting()
@@ -237,40 +227,29 @@ void CTransportSocket::Search::EndConnecting()
 void CTransportSocket::Expect(const CEString& port) noexcept
 {
     Release();
-    Search& search = *m_search;
-    search.port = PortNumber(port.View());
-    {
-        const std::lock_guard<std::mutex> lock(Search::s_mutex);
-        search.likely = search.IsLastFree() ? Search::s_last : -1;
-    }
-    if (search.likely >= 0) {
-        search.first = std::max(0, search.likely - kBefore);
-        search.before = {}; // should another one have to be found, all are looked at
-        return;
-    }
-    const int free = LowestFree();
-    search.first = std::max(0, free - kBefore);
-    if (free < 0 || !ListSockets(search.first, search.before)) {
-        search.port = 0;
-    }
+    m_search->port = PortNumber(port.View());
+    m_search->Begin();
 }
 
-// With the mutex held.
+// With the mutex held. One call whatever the host has open, and a few for each socket of the range.
 CTransportSocket::Search::Candidates CTransportSocket::Search::Look() const
 {
     Candidates candidates;
-    Sockets now = {};
-    if (!ListSockets(first, now)) {
+    const int free = LowestFree();
+    std::array<pollfd, kRange> list = {};
+    for (int i = 0; i < kRange; ++i) {
+        list.at(static_cast<std::size_t>(i)).fd = std::max(0, free - kBefore) + i;
+    }
+    if (free < 0 || poll(list.data(), list.size(), 0) < 0) {
         return candidates;
     }
-    for (std::size_t i = 0; i < now.size(); ++i) {
-        if (now.at(i) != before.at(i)) {
-            candidates.Consider(first + static_cast<int>(i), now.at(i), port);
+    for (const pollfd& entry : list) {
+        if ((entry.revents & POLLNVAL) == 0) {
+            candidates.Consider(entry.fd, port);
         }
     }
-    const int middle = first + kBefore;
-    for (int i = std::max(0, middle - kWideBefore); candidates.count == 0 && i < middle + kWideBehind; ++i) {
-        candidates.Consider(i, SocketNumber(i), port);
+    for (int i = std::max(0, free - kWideBefore); candidates.count == 0 && i < free + kWideBehind; ++i) {
+        candidates.Consider(i, port);
     }
     return candidates;
 }
@@ -279,7 +258,7 @@ void CTransportSocket::Search::Take(int found)
 {
     descriptor = found;
     socket = SocketNumber(found);
-    atOnce = false;
+    atOnce = IsAtOnce(found);
     confirmed = false;
     next = std::exchange(s_adopted, this);
     s_last = found;
@@ -293,13 +272,14 @@ void CTransportSocket::Adopt() noexcept
     if (search.port == 0 || search.descriptor >= 0) {
         return;
     }
-    Peer peer;
-    if (search.likely >= 0 && search.number == Search::s_begun &&
-        LooksLikeTransport(search.likely, search.port, peer)) {
-        search.Take(search.likely);
-        return;
+    Search::Candidates found;
+    // One that is switched already is another thread's that could not tell which was its own.
+    if (search.alone && search.number == Search::s_begun && !IsAtOnce(Search::s_last)) {
+        found.Consider(Search::s_last, search.port);
     }
-    const Search::Candidates found = search.Look();
+    if (found.count == 0) {
+        found = search.Look();
+    }
     if (found.mixed) {
         return; // which is which cannot be told: none is touched
     }
@@ -339,7 +319,11 @@ void CTransportSocket::SendAtOnce(bool atOnce, std::uint64_t received) noexcept
         SocketNumber(search.descriptor) != search.socket) {
         return;
     }
-    search.confirmed = search.confirmed || HasReceived(search.descriptor, received);
+    if (!search.confirmed) {
+        const std::uint64_t seen = TrafficOf(search.descriptor).received;
+        search.confirmed = seen == received || seen == UINT64_MAX;
+        Search::s_last = search.confirmed ? search.descriptor : -1; // else all are looked at the next time
+    }
     if (search.confirmed && SetAtOnce(search.descriptor, atOnce)) {
         search.atOnce = atOnce;
     }
