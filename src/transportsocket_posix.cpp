@@ -165,16 +165,21 @@ struct CTransportSocket::Search
     {
         std::array<int, kRange> descriptors = {};
         std::size_t count = 0;
+        std::uint64_t socket = 0; // the kernel's number of the last one
         Peer peer;
         bool mixed = false; // there were others, connected to that port of another server
 
         void Consider(int descriptor, in_port_t expected)
         {
             Peer other;
-            if (count == descriptors.size() || !LooksLikeTransport(descriptor, expected, other) ||
-                IsAdopted(SocketNumber(descriptor))) {
+            if (count == descriptors.size() || !LooksLikeTransport(descriptor, expected, other)) {
                 return;
             }
+            const std::uint64_t number = SocketNumber(descriptor);
+            if (IsAdopted(number)) {
+                return;
+            }
+            socket = number;
             mixed = mixed || (count > 0 && !(other == peer));
             peer = other;
             descriptors.at(count++) = descriptor;
@@ -184,7 +189,7 @@ struct CTransportSocket::Search
     Candidates Look() const;
     void Begin();
     void EndConnecting();
-    void Take(int found);
+    void Take(const Candidates& found, bool isAtOnce);
 
     in_port_t port = 0;       // in network order; 0: nothing is expected
     std::uint64_t number = 0; // of the connection, as s_begun counts
@@ -254,14 +259,14 @@ CTransportSocket::Search::Candidates CTransportSocket::Search::Look() const
     return candidates;
 }
 
-void CTransportSocket::Search::Take(int found)
+void CTransportSocket::Search::Take(const Candidates& found, bool isAtOnce)
 {
-    descriptor = found;
-    socket = SocketNumber(found);
-    atOnce = IsAtOnce(found);
+    descriptor = found.descriptors[0];
+    socket = found.socket;
+    atOnce = isAtOnce;
     confirmed = false;
     next = std::exchange(s_adopted, this);
-    s_last = found;
+    s_last = descriptor;
 }
 
 void CTransportSocket::Adopt() noexcept
@@ -272,19 +277,21 @@ void CTransportSocket::Adopt() noexcept
     if (search.port == 0 || search.descriptor >= 0) {
         return;
     }
-    Search::Candidates found;
     // One that is switched already is another thread's that could not tell which was its own.
     if (search.alone && search.number == Search::s_begun && !IsAtOnce(Search::s_last)) {
-        found.Consider(Search::s_last, search.port);
+        Search::Candidates likely;
+        likely.Consider(Search::s_last, search.port);
+        if (likely.count == 1) {
+            search.Take(likely, false);
+            return;
+        }
     }
-    if (found.count == 0) {
-        found = search.Look();
-    }
+    const Search::Candidates found = search.Look();
     if (found.mixed) {
         return; // which is which cannot be told: none is touched
     }
     if (found.count == 1) {
-        search.Take(found.descriptors[0]);
+        search.Take(found, IsAtOnce(found.descriptors[0]));
         return;
     }
     // Connections of other threads to the same server, made at the same moment: none is taken, and none
