@@ -1,7 +1,6 @@
 #include "src-baselib/cepaths.h"
 
 #include <new>
-#include <system_error>
 
 #include "src-baselib/platform.h"
 #include "src-baselib/report.h"
@@ -51,9 +50,8 @@ CEWorkingDir::~CEWorkingDir()
         // A send that changed nothing must not move the process: another thread may be at work elsewhere.
         if (m_changed) {
             try {
-                std::error_code failure;
-                std::filesystem::current_path(m_place, failure);
-                if (failure) {
+                int failure = 0;
+                if (m_place.IsEmpty() || !platform::ReturnToPlace(m_place, failure)) {
                     ChangeDir(last->CStr());
                 } else {
                     Trace(TraceLevel::Normal, "File: Current directory changed to '%s'", last->CStr());
@@ -86,15 +84,15 @@ bool CEWorkingDir::ChangeDir(const char* name)
 
 void CEWorkingDir::RememberPlace()
 {
-    std::error_code failure;
-    m_place = m_changed ? m_place : std::filesystem::current_path(failure);
+    if (!m_changed) {
+        m_place = platform::CurrentPlace();
+    }
 }
 
 void CEWorkingDir::NoticeMove() noexcept
 {
     try {
-        std::error_code failure;
-        m_changed = m_changed || std::filesystem::current_path(failure) != m_place;
+        m_changed = m_changed || !(platform::CurrentPlace() == m_place);
     } catch (const std::bad_alloc&) {
         m_changed = true; // going back to where it is does no harm
     }

@@ -2,8 +2,6 @@
 // directory and returns to it when it is destroyed. The current directory belongs to the whole process.
 #pragma once
 
-#include <filesystem>
-
 #include "src-baselib/cestring.h"
 
 class CEPathString : public CEString
@@ -42,7 +40,7 @@ public:
 
 private:
     CEStringArray m_stack;
-    std::filesystem::path m_place; // the same exactly: the text lacks what the code page has no character for
+    CEString m_place; // as the system has it
     bool m_changed = false;
 };
 

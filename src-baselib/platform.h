@@ -52,6 +52,11 @@ int SocketErrorCode(int error);
 // The process's current directory; false and `error` set on failure.
 bool CurrentDirectory(char* buffer, std::size_t size, int& error);
 bool ChangeDirectory(const char* name, int& error);
+// The current directory exactly, in the system's own bytes, for ReturnToPlace: the name above lacks what the
+// code page has no character for. Empty when the system does not tell it.
+CEString CurrentPlace();
+// False and `error` set on failure.
+bool ReturnToPlace(const CEString& place, int& error);
 
 // A copy of an environment variable; empty when it is not set.
 CEString EnvironmentVariable(const char* name);

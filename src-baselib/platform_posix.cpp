@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <climits>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -207,6 +208,18 @@ bool ChangeDirectory(const char* name, int& error)
         return false;
     }
     return true;
+}
+
+CEString CurrentPlace()
+{
+    char name[PATH_MAX];
+    int error = 0;
+    return CurrentDirectory(name, sizeof name, error) ? CEString(name) : CEString();
+}
+
+bool ReturnToPlace(const CEString& place, int& error)
+{
+    return ChangeDirectory(place.CStr(), error);
 }
 
 CEString EnvironmentVariable(const char* name)

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <cwchar>
 #include <memory>
 #include <new>
 #include <string>
@@ -158,6 +159,26 @@ bool CurrentDirectory(char* buffer, std::size_t size, int& error)
 bool ChangeDirectory(const char* name, int& error)
 {
     return Told(SetCurrentDirectoryA(name), error);
+}
+
+CEString CurrentPlace()
+{
+    // Another thread may move the process while it is asked.
+    std::wstring name;
+    for (DWORD length = GetCurrentDirectoryW(0, nullptr); length > name.size();
+         length = GetCurrentDirectoryW(static_cast<DWORD>(name.size()), name.data())) {
+        name.resize(length);
+    }
+    name.resize(std::wcslen(name.c_str()));
+    return CEString(
+        std::string_view(reinterpret_cast<const char*>(name.data()), name.size() * sizeof(wchar_t)));
+}
+
+bool ReturnToPlace(const CEString& place, int& error)
+{
+    std::wstring name(place.GetLength() / sizeof(wchar_t), L'\0');
+    std::memcpy(name.data(), place.CStr(), name.size() * sizeof(wchar_t));
+    return Told(SetCurrentDirectoryW(name.c_str()), error);
 }
 
 CEString EnvironmentVariable(const char* name)
