@@ -23,3 +23,5 @@ struct Holdings
     std::size_t handles, slots, bytes;
 };
 [[nodiscard]] Holdings CountHoldings();
+// By how much the bytes may differ with nothing left behind: what allocators keep for threads.
+[[nodiscard]] std::size_t UncertainBytes();

@@ -71,3 +71,8 @@ Holdings CountHoldings()
     return {std::max<std::size_t>(handles, reinterpret_cast<std::size_t>(event) / sizeof(DWORD)), slot,
             HeapBytes()};
 }
+
+std::size_t UncertainBytes()
+{
+    return 20'000;
+}
