@@ -5,12 +5,14 @@
 #include <memory>
 #include <string>
 
+#include "version.h"
+
 // The envelope and header that every sender uses.
 inline constexpr const char* kServer = "127.0.0.1";
 inline constexpr const char* kSender = "ada@example.org";
 inline constexpr const char* kRecipient = "bob@example.net";
 inline constexpr const char* kSubject = "Benchmark";
-inline constexpr const char* kUserAgent = "VEL Mail 1.3.2";
+inline constexpr const char* kUserAgent = "VEL Mail " VELMAIL_VERSION;
 
 struct Mail
 {
@@ -20,6 +22,7 @@ struct Mail
     std::string composedFile;   // the same mail as the library composes it, for senders that compose nothing
     bool chunking = false;      // the server offers CHUNKING; for the sender that does not ask
     bool textInMemory = false;  // the sender has read the text file before it begins
+    bool attachmentInMemory = false; // likewise the attachment; VEL mail alone
 };
 
 // Sends one mail again and again. Each thread has its own and makes it itself.

@@ -29,9 +29,11 @@ public:
     {
         if (mail.textInMemory) {
             m_text = ReadWholeFile(mail.textFile);
-            const std::string block = std::to_string(reinterpret_cast<std::uintptr_t>(m_text.data())) + ";" +
-                                      std::to_string(m_text.size());
-            VelMailSetProperty("MailTextMemoryAddress", block.c_str());
+            VelMailSetProperty("MailTextMemoryAddress", Block(m_text).c_str());
+        }
+        if (mail.attachmentInMemory) {
+            m_attachment = ReadWholeFile(mail.attachmentFile);
+            VelMailSetProperty("MailAttachmentMemoryAddress", Block(m_attachment).c_str());
         }
         const std::pair<const char*, const char*> properties[] = {
             {"MailServer", kServer},
@@ -53,7 +55,14 @@ public:
     bool Disconnect() override { return VelMailDisconnect() != 0 || Report("VelMailDisconnect"); }
 
 private:
+    static std::string Block(const std::string& memory)
+    {
+        return std::to_string(reinterpret_cast<std::uintptr_t>(memory.data())) + ";" +
+               std::to_string(memory.size());
+    }
+
     std::string m_text;
+    std::string m_attachment;
 };
 
 } // namespace

@@ -1,4 +1,4 @@
-"""Runs the benchmark's programs against its sink and prints the results as Markdown tables.
+"""Runs the benchmark's programs against its sink and prints times and memory as Markdown tables.
 
 All senders of a table run in turn (A B C D, A B C D, ...), so that whatever else the machine does meets
 them alike. A ratio is the median of the ratios within each turn; the range behind it is the least and the
@@ -6,27 +6,21 @@ greatest. Only loopback is used, every run is bounded, and everything written li
 """
 
 import argparse
-import base64
-import contextlib
-import json
 import os
-import platform
 import signal
 import statistics
-import subprocess
 import sys
 import tempfile
 import time
 
-KB = 1024
-MB = 1024 * KB
-GB = 1024 * MB
-PEERS = {"velmail": "VEL mail", "esmtp": "libESMTP alone", "curl": "libcurl", "write": "bare `write()`"}
+from common import (GB, KB, MB, PEERS, Goals, MailFiles, Senders, Sink, machine, number, one_processor, say,
+                    size_text, table)
+
 SIZES_KB = [1, 2, 3, 4, 8, 16, 30, 64]
 THREADS = [1, 2, 4, 8]
 SENDS = 1000
 GROUP = 100  # of sends compared with each other; as in harness.cpp
-BOUNDARY = b"velmail1234567890"
+ROUND_TRIP = 20  # milliseconds over the delayed link
 
 
 class Extent:
@@ -35,9 +29,10 @@ class Extent:
     def __init__(self, quick):
         self.rounds = 3 if quick else 5
         self.large = 64 * MB if quick else 256 * MB
+        self.far, self.far_rounds = (16 * MB, 1) if quick else (64 * MB, 2)
         self.small_seconds = 0.12 if quick else 0.4
-        self.budgets = dict(large=20, small=20, once=8, threads=12) if quick else dict(
-            large=100, small=90, once=20, threads=70)
+        self.budgets = dict(large=20, far=10, small=20, once=8, threads=12) if quick else dict(
+            large=100, far=50, small=90, once=20, threads=70)
         # (attachment, threads); the sparse one of 2 GB in eight threads is what takes long
         sizes = [1 * MB, self.large, 2 * GB]
         self.memory = [(size, threads) for size in sizes for threads in (1, 8)
@@ -45,149 +40,25 @@ class Extent:
         self.limit = 30 if quick else 110  # seconds for one program
 
 
-@contextlib.contextmanager
-def one_processor():
-    """Keeps the programs that are started within on one processor.
-
-    In a dialogue with short mails one side always waits for the other. What it costs to wake it on another
-    processor varies threefold with the machine's load and hides the difference between the senders.
-    """
-    allowed = os.sched_getaffinity(0)
-    os.sched_setaffinity(0, {max(allowed)})
-    try:
-        yield
-    finally:
-        os.sched_setaffinity(0, allowed)
-
-
-class Sink:
-    """The server; ends when its standard input closes, however this program ends."""
-
-    def __init__(self, build, *options):
-        self.process = subprocess.Popen([os.path.join(build, "bench_sink"), *options], text=True,
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.port = self.process.stdout.readline().strip()
-
-    def totals(self):
-        self.process.stdin.write("\n")
-        self.process.stdin.flush()
-        mails, size = self.process.stdout.readline().split()
-        return int(mails), int(size)
-
-    def close(self):
-        self.process.stdin.close()
-        self.process.wait()
-
-
-class MailFiles:
-    """One mail: its text, its attachment, and the whole of it as the library composes it."""
-
-    def __init__(self, folder, name, text_size, attachment_size=0, sparse=False):
-        self.text, self.attachment, self.composed = (
-            os.path.join(folder, name + end) for end in (".txt", ".bin", ".eml"))
-        text = text_lines(text_size)
-        self.payload = len(text) + encoded_size(attachment_size)
-        write_file(self.text, [text])
-        if attachment_size == 0:
-            self.attachment = ""
-        elif sparse:
-            with open(self.attachment, "wb") as file:
-                file.truncate(attachment_size)
-            self.composed = ""
-            return
-        else:
-            write_file(self.attachment, attachment_blocks(attachment_size))
-        write_file(self.composed, composed_blocks(text, os.path.basename(self.attachment), attachment_size))
-
-
-def text_lines(size):
-    line = b"The quick brown fox jumps over the lazy dog and sends its letter home\r\n"
-    return (line * (size // len(line) + 1))[: size - 2] + b"\r\n"
-
-
-def encoded_size(size):
-    whole = (size + 2) // 3 * 4
-    return whole + (whole + 75) // 76 * 2
-
-
-BLOCK = os.urandom(57 * 4096)  # a whole number of base64 lines
-
-
-def attachment_blocks(size):
-    for _ in range(size // len(BLOCK)):
-        yield BLOCK
-    yield BLOCK[: size % len(BLOCK)]
-
-
-def encode(data):
-    return base64.encodebytes(data).replace(b"\n", b"\r\n")
-
-
-def composed_blocks(text, name, attachment_size):
-    yield (b'Content-Type: multipart/mixed;boundary="%s"\r\n\r\nMIME-Version: 1.0\r\n--%s\r\n'
-           b"Content-Type: text/plain; charset=ISO-8859-1\r\nContent-Transfer-Encoding: 8bit\r\n\r\n"
-           % (BOUNDARY, BOUNDARY)) + text + b"\r\n"
-    if attachment_size > 0:
-        yield (b'--%s\r\nContent-Type: application/octet-stream; name="%s"\r\n'
-               b"Content-Transfer-Encoding: base64\r\n"
-               b'Content-Disposition: inline; filename="%s"\r\n\r\n'
-               % (BOUNDARY, name.encode(), name.encode()))
-        encoded = encode(BLOCK)
-        for _ in range(attachment_size // len(BLOCK)):
-            yield encoded
-        yield encode(BLOCK[: attachment_size % len(BLOCK)]) + b"\r\n"
-    yield b"--%s--\r\n" % BOUNDARY
-
-
-def write_file(name, blocks):
-    with open(name, "wb") as file:
-        for block in blocks:
-            file.write(block)
-
-
-class Bench:
+class Bench(Senders):
     def __init__(self, build, folder, extent):
-        self.build, self.folder, self.extent = build, folder, extent
-        self.environment = {name: value for name, value in os.environ.items() if name != "VEL_MAILTRACE"}
+        super().__init__(build, folder, extent.limit)
+        self.extent = extent
         self.sink = Sink(build)
         self.chunking = Sink(build, "--chunking")
+        self.far = Sink(build, "--delay", str(ROUND_TRIP))
+        self.far_chunking = Sink(build, "--chunking", "--delay", str(ROUND_TRIP))
         with one_processor():
             self.near_sink = Sink(build)
             self.near_pipelining = Sink(build, "--pipelining")
 
     def close(self):
-        for sink in (self.sink, self.chunking, self.near_sink, self.near_pipelining):
+        for sink in (self.sink, self.chunking, self.far, self.far_chunking, self.near_sink,
+                     self.near_pipelining):
             sink.close()
 
     def run(self, peer, mail, sink=None, **options):
-        """Runs one sender and returns what it says of itself, or None when it took too long."""
-        sink = sink or self.sink
-        command = [os.path.join(self.build, "peer_" + peer), "--port", sink.port, "--text", mail.text,
-                   "--composed", mail.composed]
-        if mail.attachment:
-            command += ["--attachment", mail.attachment]
-        if sink is self.chunking:
-            command += ["--chunking", "1"]
-        for name, value in options.items():
-            command += ["--" + name, str(value)]
-        mails, size = sink.totals()
-        try:
-            done = subprocess.run(command, stdout=subprocess.PIPE, text=True, timeout=self.extent.limit,
-                                  env=self.environment)
-        except subprocess.TimeoutExpired:
-            say(f"{peer} took longer than {self.extent.limit} s and was ended")
-            return None
-        if done.returncode != 0:
-            raise SystemExit(f"{peer} failed: {' '.join(command)}")
-        result = json.loads(done.stdout)
-        arrived, arrived_size = (now - then for now, then in zip(sink.totals(), (mails, size)))
-        if arrived != result["mails"] or arrived_size < arrived * mail.payload:
-            raise SystemExit(f"{peer}: {result['mails']} mails sent, {arrived} arrived, {arrived_size} bytes")
-        if arrived > 0:
-            result["rate"] = arrived / result["seconds"]
-            result["work"] = result["processor"] / arrived
-            result["slow"] = 1000 * result["slow"] / arrived
-        return result
+        return super().run(peer, mail, sink or self.sink, **options)
 
     def in_turn(self, budget, cases, rounds=None):
         """Runs every case once a turn; returns for each key its results, those of turn i at index i."""
@@ -202,10 +73,6 @@ class Bench:
         return results
 
 
-def say(text):
-    print(text, file=sys.stderr, flush=True)
-
-
 def median(results, field):
     values = [result[field] for result in results if result is not None and field in result]
     return statistics.median(values) if values else None
@@ -218,37 +85,6 @@ def ratios(ours, theirs, field="rate"):
 
 def ratio_text(values):
     return f"{statistics.median(values):.2f} ({min(values):.2f}–{max(values):.2f})" if values else "–"
-
-
-def number(value, digits=0):
-    return "–" if value is None else f"{value:,.{digits}f}"
-
-
-def table(head, rows):
-    lines = ["| " + " | ".join(head) + " |", "|---" + "|---:" * (len(head) - 1) + "|"]
-    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
-
-
-class Goals:
-    """What is aimed at, beside what was measured."""
-
-    def __init__(self):
-        self.rows = []
-
-    def at_least(self, what, wanted, values):
-        if values:
-            found = statistics.median(values)
-            held = "yes" if found >= wanted else "no"
-            self.rows.append([what, f"at least {wanted:.2f}", f"{found:.2f}", held])
-
-    def at_most(self, what, wanted, found, unit):
-        if found is not None:
-            held = "yes" if found <= wanted else "no"
-            self.rows.append([what, f"at most {wanted:g} {unit}", f"{found:.2f} {unit}", held])
-
-
-def size_text(size):
-    return f"{size // GB} GB" if size >= GB else f"{size // MB} MB"
 
 
 def large_attachment(bench, goals):
@@ -280,6 +116,26 @@ def large_attachment(bench, goals):
         ["dialogue, sender", "seconds", "MB/s", "processor seconds", "VEL mail / sender: speed",
          "VEL mail / sender: data for each processor second"], rows) + (
         f"\n\nVEL mail, CHUNKING / DATA: speed {ratio_text(ratios(chunks, data))}.")
+
+
+def delayed_link(bench, goals):
+    size = bench.extent.far
+    mail = MailFiles(bench.folder, "far", 100, size, sparse=True)
+    sinks = {"DATA": bench.far, "CHUNKING": bench.far_chunking}
+    results = bench.in_turn(bench.extent.budgets["far"], {
+        way: lambda sink=sink: bench.run("velmail", mail, sink) for way, sink in sinks.items()},
+        bench.extent.far_rounds)
+    os.remove(mail.attachment)
+
+    link = f"{size_text(size)}, round trip of {ROUND_TRIP} ms"
+    compared = ratios(results["CHUNKING"], results["DATA"])
+    goals.at_least(f"{link}: speed with CHUNKING over DATA", 1, compared)
+    rows = []
+    for way, found in results.items():
+        seconds = median(found, "seconds")
+        rows.append([way, number(seconds, 2), number(seconds and size / MB / seconds)])
+    return f"### One file attachment of {link}, VEL mail\n\n" + table(["dialogue", "seconds", "MB/s"], rows) + (
+        f"\n\nCHUNKING / DATA: speed {ratio_text(compared)}.")
 
 
 def small_mails(bench, goals):
@@ -401,21 +257,27 @@ def peak_memory(bench, goals):
         ["attachment in each mail", "1 thread", "for each thread", "8 threads", "for each thread"], rows)
 
 
+def memory_attachment(bench, goals):
+    sizes = [16 * KB, 16 * MB]
+    peaks = []
+    for size in sizes:
+        mail = MailFiles(bench.folder, "lent", 100, size, sparse=True)
+        found = [bench.run("velmail", mail, mails=1, memory=1, attachment_memory=1) for _ in range(3)]
+        peaks.append(median(found, "peak_kb"))
+        os.remove(mail.attachment)
+    added_mb = (peaks[1] - peaks[0]) / KB - (sizes[1] - sizes[0]) / MB if all(peaks) else None
+    goals.at_most("attachment of 16 MB from memory: peak memory more than with 16 KB, the host's own block left out",
+                  1, added_mb, "MB")
+    return "### An attachment of 16 MB from the host's memory\n\n" + (
+        "Peak resident memory more than with one of 16 KB, the host's own block left out: "
+        f"{number(added_mb, 2)} MB.")
+
+
 def above_idle(bench, mail, threads):
     idle = statistics.median(
         bench.run("velmail", mail, mails=0, threads=threads)["peak_kb"] for _ in range(3))
     sending = bench.run("velmail", mail, mails=1, threads=threads)
     return (sending["peak_kb"] - idle) / KB if sending else None
-
-
-def machine():
-    model = platform.processor()
-    with open("/proc/cpuinfo", encoding="ascii") as file:
-        model = next((line.split(":")[1].strip() for line in file if line.startswith("model name")), model)
-    versions = [subprocess.run(["pkg-config", "--modversion", package], stdout=subprocess.PIPE,
-                               text=True).stdout.strip() for package in ("libesmtp-1.0", "libcurl")]
-    return (f"{time.strftime('%Y-%m-%d')}, {os.cpu_count()} processors ({model}), "
-            f"Linux {platform.release()}, libESMTP {versions[0]}, libcurl {versions[1]}")
 
 
 def main():
@@ -433,12 +295,13 @@ def main():
     with tempfile.TemporaryDirectory(prefix="velmail-bench-") as folder:
         bench = Bench(arguments.build, folder, extent)
         try:
-            for measure in (large_attachment, small_mails, one_connection, several_threads, peak_memory):
+            for measure in (large_attachment, delayed_link, small_mails, one_connection, several_threads, peak_memory,
+                            memory_attachment):
                 say(f"{time.monotonic() - start:4.0f} s  {measure.__name__.replace('_', ' ')}")
                 print(measure(bench, goals) + "\n", flush=True)
         finally:
             bench.close()
-    print("### Goals\n\n" + table(["goal", "wanted", "measured", "held"], goals.rows))
+    print(goals.text())
     say(f"{time.monotonic() - start:4.0f} s  done")
 
 

@@ -1,6 +1,9 @@
 // A fast SMTP server for measurements: takes every mail at once, stores nothing, counts mails and bytes.
 //
-// bench_sink [--chunking] [--pipelining]
+// bench_sink [--chunking] [--pipelining] [--delay MILLISECONDS]
+//
+// With a delay each answer arrives as late as over a link with that round trip, while the sink goes on
+// taking what comes.
 //
 // Listens on a free port of 127.0.0.1 and prints it as its first line. Each line on standard input is
 // answered with "mails bytes", the totals so far; the end of standard input ends the program. A fixed pool of
@@ -9,15 +12,22 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iostream>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -41,6 +51,7 @@ struct Extensions
 {
     bool chunking = false;
     bool pipelining = false;
+    std::chrono::milliseconds delay{0}; // of each answer
 };
 
 bool StartsWith(std::string_view line, std::string_view verb)
@@ -60,12 +71,58 @@ std::size_t FindEnd(std::string_view text)
     return std::string_view::npos;
 }
 
+bool SendAll(int socket, std::string_view text)
+{
+    return send(socket, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+}
+
+// The way back over a slow link: sends each answer when its time has come. Its end waits for those under way.
+class SlowLine
+{
+public:
+    SlowLine(int socket, std::chrono::milliseconds delay)
+        : m_socket(socket), m_delay(delay), m_thread([this](const std::stop_token& stop) { Deliver(stop); })
+    {
+    }
+
+    void Send(std::string text)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_underWay.emplace_back(std::chrono::steady_clock::now() + m_delay, std::move(text));
+        m_changed.notify_one();
+    }
+
+private:
+    void Deliver(const std::stop_token& stop)
+    {
+        std::unique_lock lock(m_mutex);
+        while (m_changed.wait(lock, stop, [this] { return !m_underWay.empty(); })) {
+            const auto [due, text] = std::move(m_underWay.front());
+            m_underWay.pop_front();
+            lock.unlock();
+            std::this_thread::sleep_until(due);
+            SendAll(m_socket, text); // a sender that is gone shows when it is read from
+            lock.lock();
+        }
+    }
+
+    int m_socket;
+    std::chrono::milliseconds m_delay;
+    std::mutex m_mutex;
+    std::condition_variable_any m_changed;
+    std::deque<std::pair<std::chrono::steady_clock::time_point, std::string>> m_underWay;
+    std::jthread m_thread; // the last: ends before what it uses
+};
+
 class Dialogue
 {
 public:
     Dialogue(int socket, const Extensions& extensions, Totals& totals, char* buffer)
         : m_socket(socket), m_extensions(extensions), m_totals(totals), m_buffer(buffer)
     {
+        if (extensions.delay.count() > 0) {
+            m_slowLine.emplace(socket, extensions.delay);
+        }
     }
 
     void Run()
@@ -87,11 +144,15 @@ private:
     // commands would wait for the sender's delayed acknowledgement.
     void Flush()
     {
-        if (!m_replies.empty()) {
-            const ssize_t sent = send(m_socket, m_replies.data(), m_replies.size(), MSG_NOSIGNAL);
-            m_open = m_open && sent == static_cast<ssize_t>(m_replies.size());
-            m_replies.clear();
+        if (m_replies.empty()) {
+            return;
         }
+        if (m_slowLine) {
+            m_slowLine->Send(m_replies);
+        } else {
+            m_open = SendAll(m_socket, m_replies) && m_open;
+        }
+        m_replies.clear();
     }
 
     [[nodiscard]] std::string_view Unread() const { return {m_buffer + m_begin, m_end - m_begin}; }
@@ -202,6 +263,7 @@ private:
     Totals& m_totals;
     char* m_buffer;
     std::string m_replies;
+    std::optional<SlowLine> m_slowLine;
     std::size_t m_begin = 0;
     std::size_t m_end = 0;
     bool m_open = true;
@@ -245,8 +307,12 @@ int main(int argc, char** argv)
 {
     Extensions extensions;
     for (int i = 1; i < argc; ++i) {
-        extensions.chunking = extensions.chunking || std::string_view(argv[i]) == "--chunking";
-        extensions.pipelining = extensions.pipelining || std::string_view(argv[i]) == "--pipelining";
+        const std::string_view option = argv[i];
+        extensions.chunking = extensions.chunking || option == "--chunking";
+        extensions.pipelining = extensions.pipelining || option == "--pipelining";
+        if (option == "--delay" && i + 1 < argc) {
+            extensions.delay = std::chrono::milliseconds(std::atoi(argv[++i]));
+        }
     }
     Totals totals;
     int port = 0;

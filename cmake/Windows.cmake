@@ -19,7 +19,7 @@ function(velmail_windows_library TARGET)
     set_source_files_properties(velmail.rc PROPERTIES OBJECT_DEPENDS ${strings})
     target_sources(${TARGET} PRIVATE velmail.rc ${strings} ${definition})
     set_source_files_properties(${strings} PROPERTIES HEADER_FILE_ONLY ON)
-    target_include_directories(${TARGET} PRIVATE ${CMAKE_CURRENT_BINARY_DIR})
+    target_include_directories(${TARGET} PRIVATE ${CMAKE_CURRENT_BINARY_DIR} ${PROJECT_BINARY_DIR}/generated)
     set_target_properties(${TARGET} PROPERTIES PREFIX "" RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
 
     set(msvc ${PROJECT_BINARY_DIR}/VelMail64.lib)

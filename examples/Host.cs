@@ -22,6 +22,7 @@ internal static class VelMail
     [DllImport(Library)]
     private static extern int VelMailDisconnect();
 
+    // One that fails was not done: the property is as before.
     public static void Set(string name, string value)
     {
         if (VelMailSetProperty(name, value) == 0)
@@ -48,40 +49,51 @@ internal static class VelMail
         }
     }
 
+    // The code of a failed delivery surfaces at the next call, which does nothing else: so this disconnects until that
+    // returns 1, and only then may another mail be described.
     private static void Fail(string call)
     {
-        int code = 0;
-        VelMailGetLastError(ref code);
-        if (code == 0 && VelMailDisconnect() == 0) // a failed delivery's code surfaces at the next call
+        int first = 0, code;
+        VelMailGetLastError(ref first);
+        do
+        {
+            code = 0;
+            if (VelMailDisconnect() != 0)
+                break;
             VelMailGetLastError(ref code);
-        VelMailDisconnect();
+            first = first != 0 ? first : code;
+        } while (code != 0); // no code: there is no connection
         byte[] sentence = new byte[128];
-        VelMailGetErrorText(code, sentence, sentence.Length);
+        VelMailGetErrorText(first, sentence, sentence.Length);
         int length = Array.IndexOf(sentence, (byte)0);
-        throw new IOException(call + ": error " + code + ": "
+        throw new IOException(call + ": error " + first + ": "
             + Encoding.GetEncoding("ISO-8859-1").GetString(sentence, 0, length)); // no text has more than Latin-1
     }
 }
 
 internal static class Program
 {
-    private static int Main(string[] arguments)
+    private static int Main(string[] arguments) // [PORT [RECIPIENT...]]
     {
-        try
+        int failures = 0;
+        for (int i = 1; i < Math.Max(arguments.Length, 2); ++i)
         {
-            VelMail.Set("MailServer", "localhost");
-            VelMail.Set("MailServerPort", arguments.Length > 0 ? arguments[0] : "25");
-            VelMail.Set("MailSenderMailBox", "me@example.com");
-            VelMail.Set("MailRecipientsMailBox", "you@example.com");
-            VelMail.Set("MailSubject", "Hello");
-            VelMail.Set("MailTextContentType", "text/plain");
-            VelMail.Send(Encoding.GetEncoding("ISO-8859-1").GetBytes("Grüße\r\n"));
-            return 0;
+            try
+            {
+                VelMail.Set("MailServer", "localhost");
+                VelMail.Set("MailServerPort", arguments.Length > 0 ? arguments[0] : "25");
+                VelMail.Set("MailSenderMailBox", "me@example.com");
+                VelMail.Set("MailRecipientsMailBox", i < arguments.Length ? arguments[i] : "you@example.com");
+                VelMail.Set("MailSubject", "Hello");
+                VelMail.Set("MailTextContentType", "text/plain");
+                VelMail.Send(Encoding.GetEncoding("ISO-8859-1").GetBytes("Grüße\r\n"));
+            }
+            catch (IOException failure) // of this mail: the next one goes out
+            {
+                Console.Error.WriteLine(failure.Message);
+                ++failures;
+            }
         }
-        catch (IOException failure)
-        {
-            Console.Error.WriteLine(failure.Message);
-            return 1;
-        }
+        return failures == 0 ? 0 : 1;
     }
 }

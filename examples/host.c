@@ -1,28 +1,49 @@
 #include <stdio.h>
 #include <velmail.h>
 
-static int report(const char *call)
+/* Ends the connection after a failure and says what went wrong. The code of a failed delivery surfaces at the next
+   call, which does nothing else: so disconnect until that returns 1, and only then describe another mail. */
+static int failed(const char *call)
 {
-    int code = 0;
+    int first = 0, code;
     char text[128] = "";
-    VelMailGetLastError(&code);
-    if (code == 0 && !VelMailDisconnect()) /* a failed delivery's code surfaces at the next call */
+    VelMailGetLastError(&first);
+    do {
+        code = 0;
+        if (VelMailDisconnect())
+            break;
         VelMailGetLastError(&code);
-    VelMailGetErrorText(code, text, sizeof text);
-    fprintf(stderr, "%s: error %d: %s\n", call, code, text);
-    return 1;
+        first = first != 0 ? first : code;
+    } while (code != 0); /* no code: there is no connection */
+    VelMailGetErrorText(first, text, sizeof text);
+    fprintf(stderr, "%s: error %d: %s\n", call, first, text);
+    return 0;
 }
 
-int main(void)
+static int set(const char *name, const char *value)
 {
-    VelMailSetProperty("MailServer", "localhost");
-    VelMailSetProperty("MailSenderMailBox", "me@example.com");
-    VelMailSetProperty("MailRecipientsMailBox", "you@example.com");
-    VelMailSetProperty("MailSubject", "Hello");
-    VelMailSetProperty("MailTextFilename", "letter.txt");
+    return VelMailSetProperty(name, value) || failed(name); /* 0: not done, the property is as before */
+}
+
+static int send_to(const char *recipient)
+{
+    if (!set("MailRecipientsMailBox", recipient))
+        return 0;
     if (!VelMailConnect())
-        return report("connect");
+        return failed("connect");
     if (!VelMailSend())
-        return report("send");
-    return VelMailDisconnect() ? 0 : report("disconnect");
+        return failed("send");
+    return VelMailDisconnect() || failed("disconnect");
+}
+
+int main(int count, char **arguments) /* host SERVER PORT LETTER RECIPIENT... */
+{
+    int i, failures = 0;
+    if (count < 5 || !set("MailServer", arguments[1]) || !set("MailServerPort", arguments[2]) ||
+        !set("MailTextFilename", arguments[3]) || !set("MailSenderMailBox", "me@example.com") ||
+        !set("MailSubject", "Hello"))
+        return 2;
+    for (i = 4; i < count; ++i)
+        failures += !send_to(arguments[i]);
+    return failures != 0;
 }

@@ -13,8 +13,11 @@
  * 4. Errors. Each working call (set, get, connect, send, disconnect) forgets the error of the call before it.
  *    One failure reports late: when VelMailSend returns 0 because the *delivery* failed, or when a call
  *    returned 1 although something went wrong beside it, the code surfaces at the next working call. That
- *    call does nothing else, returns 0, and VelMailGetLastError then gives the code. After a failed send
- *    without a code the host calls VelMailDisconnect, reads the code, and disconnects again or connects anew.
+ *    call does nothing else, returns 0, and VelMailGetLastError then gives the code. So: after a failed send
+ *    DISCONNECT UNTIL IT RETURNS 1, THEN GO ON with the next mail. (It returns 0 without a code when there is
+ *    no connection.) A VelMailSetProperty that returned 0 WAS NOT DONE, the property is as before: a host
+ *    that sets the next recipient straight after a failed delivery, and does not look at the result, sends
+ * the next mail to the previous recipient. With MailProtocol "SUBMISSION" every code is there at once.
  * 5. Strings are zero-terminated single-byte texts; no encoding is assumed. They are copied: nothing the host
  *    passes is kept beyond the call, except memory blocks, which are read during VelMailSend. Error texts are
  *    Windows-1252.
@@ -48,7 +51,8 @@ extern "C" {
  * Sets the property `name` (see the table below) of the calling thread to the text `value`, which is copied.
  * A null `value` empties a text property and sets a boolean one to 0. A null or empty `name` resets every
  * property to its default; `value` is then ignored.
- * Fails with 0 for an unknown name (no error code) and for a property that cannot be written.
+ * Fails with 0 for an unknown name (no error code), for a property that cannot be written, and when it
+ * reports the code of a call before it (convention 4). After 0 nothing was set.
  */
 VELMAIL_API int VelMailSetProperty(const char* name, const char* value);
 
@@ -95,8 +99,9 @@ VELMAIL_API int VelMailGetVersionText(char* buffer, size_t size);
 /*
  * Makes the delivery service from the thread's properties, replacing the one it had. For SMTP the server is
  * contacted by VelMailSend, not here. Fails with 656 for an unknown MailProtocol and 697 when no SMTP session
- * can be made. With MailProtocol "MAPI" the result is 1 whatever the logon's outcome; a failed logon shows at
- * the next call (convention 4).
+ * can be made. With MailProtocol "SUBMISSION" it connects and logs in here, and fails with 100, 653 to 655,
+ * 664, 665, 669 to 679, 682 or 697; a send on that path has its code at once. With MailProtocol "MAPI" the
+ * result is 1 whatever the logon's outcome; a failed logon shows at the next call (convention 4).
  */
 VELMAIL_API int VelMailConnect(void);
 
@@ -105,7 +110,8 @@ VELMAIL_API int VelMailConnect(void);
  * answered or broken off.
  * Returns 1 when the server took the mail or refused it in so many words (each refusal is a warning in the
  * trace), 0 when the mail could not be built (the code is available at once) or its delivery failed (the code
- * surfaces at the next working call, convention 4).
+ * surfaces at the next working call, convention 4). With MailProtocol "SUBMISSION" it returns 1 only when the
+ * server took the mail for all recipients; else nobody gets it, and the code is there at once.
  */
 VELMAIL_API int VelMailSend(void);
 
@@ -121,7 +127,7 @@ VELMAIL_API int VelMailDisconnect(void);
  *
  * name                          type   default  meaning
  * ----------------------------- ------ -------- -------------------------------------------------------------
- * MailSenderMailBox             text            sender's address; required for SMTP
+ * MailSenderMailBox             text            sender's address; not required for MAPI
  * MailSenderFullName            text            sender's display name; the address when empty
  * MailRecipientsMailBox         list            To addresses
  * MailRecipientsFullName        list            To display names, by position
@@ -138,20 +144,25 @@ VELMAIL_API int VelMailDisconnect(void);
  * MailTextContentType           text            content type of the text; from its file's name when empty
  * MailAttachmentFilename        list            files to attach; names of attachments in memory
  * MailAttachmentMemoryAddress   text            attachments in memory, one block for each name
- * MailAttachmentMimeType        list            MIME types by position; "text/plain" where none is given
- * MailAdditionalSMTPHeader      text            kept with the mail; not sent over SMTP
- * UseBulkMail                   bool   0        1: one message for each To recipient (SMTP only)
- * MailProtocol                  text            "SMTP" (also when empty) or "MAPI"
- * MailServer                    text            SMTP server; "localhost" when empty
- * MailServerPort                text            SMTP port; "25" when empty
- * MailAuthLogin                 text            login for the connection; not used over SMTP
- * MailAuthPassword              text            password for the connection; not used over SMTP
+ * MailAttachmentMimeType        list            MIME types by position; where none: "text/plain", or
+ *                                               by the file's name for SUBMISSION
+ * MailAdditionalSMTPHeader      text            header lines; sent for SUBMISSION only
+ * UseBulkMail                   bool   0        1: one message for each To recipient (not MAPI)
+ * MailProtocol                  text            "SMTP" (also when empty), "SUBMISSION" or "MAPI"
+ * MailServer                    text            mail server; "localhost" when empty
+ * MailServerPort                text            its port; when empty "25", for SUBMISSION "587"
+ * MailAuthLogin                 text            login; not used over SMTP
+ * MailAuthPassword              text            its password or token; not used over SMTP
  * MailWorkSpace                 text            working directory during a send, for relative file names
  * MailTraceFilename             text            protocol file of each send ("job.trc" or "job.trc;ERROR")
  * MailDialog                    bool   0        MAPI: resolve names
  * MailLogonDialog               bool   0        MAPI: allow the client's logon dialog
  * MailResolveName               bool   0        kept; no delivery path reads it
  * MailAvailable                 text            read only: "MailNone", "MailActive" or "MailDeactivated"
+ * MailSecurity                  text            SUBMISSION: "STARTTLS", "TLS", "NONE"; empty: by the port
+ * MailSecurityCAFile            text            SUBMISSION: PEM file trusted instead of the system's
+ * MailAuthMechanism             text            SUBMISSION: "PLAIN", "LOGIN", "CRAM-MD5", "XOAUTH2", ...
+ * MailCharset                   text            SUBMISSION: "UTF-8", "ISO-8859-1" or "WINDOWS-1252"
  *
  * A reset (empty name) sets the defaults, with two values that a fresh thread does not have: MailServerPort
  * "25" and MailDialog 1.

@@ -4,12 +4,12 @@
 #include <cstring>
 #include <limits>
 #include <string_view>
+#include <utility>
 
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 
 namespace {
-constexpr int kFileError = 121;
-constexpr std::size_t kReadAhead = 16384;
 constexpr std::size_t kLargestTransfer = std::numeric_limits<std::uint32_t>::max();
 constexpr int kFromBegin = 0;
 constexpr int kFromCurrent = 1;
@@ -44,7 +44,11 @@ bool AFile::OpenAs(Mode mode, FileState state)
     std::uint32_t share = 0;
     std::uint32_t creation = 0;
     (this->*mode)(access, share, creation);
-    if (!OpenHandle(access, share, creation)) {
+    if (!OpenHandle(access, share, creation) || (state == FileState::Appending && !StartAtEnd())) {
+        int ignored = 0; // what failed is told already
+        if (IsOpen()) {
+            platform::CloseFile(std::exchange(m_handle, platform::kInvalidHandle), ignored);
+        }
         return false;
     }
     m_state = state;
@@ -63,7 +67,7 @@ bool AFile::OpenWrite()
 
 bool AFile::OpenAppend()
 {
-    return OpenAs(&AFile::ModeAppend, FileState::Appending) && RawSeek(0, kFromEnd);
+    return OpenAs(&AFile::ModeAppend, FileState::Appending);
 }
 
 bool AFile::Create()
@@ -79,7 +83,11 @@ bool AFile::TakeReadPosition(AFile& other)
     if (other.GetState() != FileState::Reading) {
         return true;
     }
-    return Open() && RawSeek(other.Tell(), kFromBegin);
+    if (Open() && RawSeek(other.Tell(), kFromBegin)) {
+        return true;
+    }
+    Close();
+    return false;
 }
 
 bool AFile::Close()
@@ -107,6 +115,13 @@ bool AFile::Read(void* buffer, std::size_t size, std::size_t count)
 {
     std::size_t countRead = 0;
     return RawRead(buffer, size, count, countRead);
+}
+
+void AFile::SetReadAhead(std::size_t size)
+{
+    m_ahead.reset();
+    m_aheadSize = size;
+    DropReadAhead();
 }
 
 const char* AFile::Lend(std::size_t& count, std::size_t unit)
@@ -211,7 +226,7 @@ bool AFile::ReportError(const char* format, const char* argument)
 {
     const CEString message = DescribeFailure(format, argument);
     Trace(TraceLevel::Error, "%s", message.CStr());
-    RaiseError(kFileError);
+    RaiseError(codes::kFile);
     SetPendingErrorText(message.CStr());
     return false;
 }
@@ -235,10 +250,16 @@ bool AFile::OpenHandle(std::uint32_t access, std::uint32_t share, std::uint32_t 
     }
     m_endOfFile = false;
     DropReadAhead();
-    if (IsSameName(m_name.CStr(), CurrentTraceFile())) {
-        return RawSeek(0, kFromEnd);
-    }
-    return true;
+    // Whoever writes into the trace goes on with it; whoever reads it, to send it, reads it whole.
+    const bool goesOn =
+        (access & platform::kAccessWrite) != 0 && IsSameName(m_name.CStr(), CurrentTraceFile());
+    return !goesOn || StartAtEnd();
+}
+
+// A pipe or a terminal that was just opened has no other place.
+bool AFile::StartAtEnd()
+{
+    return !platform::IsRegularFile(m_handle) || RawSeek(0, kFromEnd);
 }
 
 bool AFile::CloseHandle()
@@ -254,12 +275,12 @@ bool AFile::CloseHandle()
 // read-ahead.
 bool AFile::ReadSome(char* buffer, std::size_t wanted, std::size_t& moved)
 {
-    const bool ahead = m_state == FileState::Reading && wanted < kReadAhead;
+    const bool ahead = m_state == FileState::Reading && wanted < m_aheadSize;
     if (Unread() == 0) {
         if (ahead && !m_ahead) {
-            m_ahead.reset(new char[kReadAhead]);
+            m_ahead.reset(new char[m_aheadSize]);
         }
-        auto count = static_cast<std::uint32_t>(ahead ? kReadAhead : std::min(wanted, kLargestTransfer));
+        auto count = static_cast<std::uint32_t>(ahead ? m_aheadSize : std::min(wanted, kLargestTransfer));
         if (!platform::ReadFile(m_handle, ahead ? m_ahead.get() : buffer, count, m_lastError)) {
             return ReportError("Cannot read the file %s: %s.", m_name.CStr());
         }

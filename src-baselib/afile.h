@@ -78,6 +78,8 @@ public:
     [[nodiscard]] const CEString& GetFileName() const { return m_name; }
     [[nodiscard]] FileState GetState() const { return m_state; }
     [[nodiscard]] int GetLastSystemError() const { return m_lastError; }
+    // How much is read at once for small reads, in bytes; 65536 unless set. Set it while the file is closed.
+    void SetReadAhead(std::size_t size);
     // Closed and without an error text, as newly made; the name stays.
     void Reset();
 
@@ -90,6 +92,7 @@ protected:
 private:
     using Mode = void (AFile::*)(std::uint32_t&, std::uint32_t&, std::uint32_t&) const;
     bool OpenAs(Mode mode, FileState state);
+    bool StartAtEnd();
     bool ReadSome(char* buffer, std::size_t wanted, std::size_t& moved);
     [[nodiscard]] std::size_t Unread() const { return m_aheadEnd - m_aheadStart; }
     void DropReadAhead() { m_aheadStart = m_aheadEnd = 0; }
@@ -101,6 +104,7 @@ private:
     CEString m_errorText;
     FileState m_state = FileState::Closed;
     std::unique_ptr<char[]> m_ahead; // made by the first small read of a file open for reading
+    std::size_t m_aheadSize = 65536;
     std::size_t m_aheadStart = 0;
     std::size_t m_aheadEnd = 0;
 };

@@ -1,12 +1,12 @@
 #include "src-baselib/cepaths.h"
 
 #include <new>
+#include <utility>
 
-#include "src-baselib/platform.h"
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 
 namespace {
-constexpr int kDirectoryError = 118;
 constexpr std::size_t kLongestDirectory = 2048;
 constexpr const char* kCannotFind = "Kann das Arbeitsverzeichnis %s nicht ermitteln.\nFehler: %s";
 constexpr const char* kCannotChange = "Kann nicht in das Verzeichnis '%s' wechseln.\nFehler: %s";
@@ -16,7 +16,7 @@ void CEPathString::ReportDirError(const char* format, const char* name)
 {
     CEString message;
     message.Format(format, name, platform::SystemErrorText(m_lastFailure).CStr());
-    RaiseError(kDirectoryError);
+    RaiseError(codes::kDirectory);
     Trace(TraceLevel::Error, "%s", message.CStr());
 }
 
@@ -38,28 +38,25 @@ CEWorkingDir::CEWorkingDir()
     GetCurrentDir();
     if (IsEmpty()) {
         CEWorkingDir::ReportDirError(kCannotFind, "");
-    } else {
-        m_stack.Add(*this);
     }
 }
 
 CEWorkingDir::~CEWorkingDir()
 {
-    while (m_stack.GetCount() > 0) {
-        const std::unique_ptr<CEString> last = m_stack.Take(m_stack.GetCount() - 1);
-        // A send that changed nothing must not move the process: another thread may be at work elsewhere.
-        if (m_changed) {
-            try {
-                int failure = 0;
-                if (m_place.IsEmpty() || !platform::ReturnToPlace(m_place, failure)) {
-                    ChangeDir(last->CStr());
-                } else {
-                    Trace(TraceLevel::Normal, "File: Current directory changed to '%s'", last->CStr());
-                }
-            } catch (const std::bad_alloc&) {
-                // The directory is changed before anything needs memory.
-            }
-        }
+    // A send that changed nothing must not move the process: another thread may be at work elsewhere.
+    if (!m_changed) {
+        return;
+    }
+    int failure = 0;
+    if (m_place.Return(failure)) {
+        Trace(TraceLevel::Normal, "File: Current directory changed to '%s'", m_homeName.CStr());
+        return;
+    }
+    try {
+        SetLastFailure(failure);
+        CEWorkingDir::ReportDirError(kCannotChange, m_homeName.CStr());
+    } catch (const std::bad_alloc&) {
+        // The process stays where it is; there is no memory to tell so.
     }
 }
 
@@ -68,34 +65,34 @@ bool CEWorkingDir::ChangeDir(const char* name)
     if (name == nullptr || *name == '\0') {
         return true;
     }
-    RememberPlace();
+    if (!RememberPlace()) {
+        ReportDirError(kCannotFind, "");
+        return false;
+    }
+    CEString changed(name); // what may fail comes before the process is moved
     int failure = 0;
-    const bool changed = platform::ChangeDirectory(name, failure);
+    const bool moved = platform::ChangeDirectory(name, failure);
     SetLastFailure(failure);
-    if (!changed) {
+    if (!moved) {
         ReportDirError(kCannotChange, name);
         return false;
     }
-    Trace(TraceLevel::Normal, "File: Current directory changed to '%s'", name);
-    Assign(name);
     m_changed = true;
+    Trace(TraceLevel::Normal, "File: Current directory changed to '%s'", name);
+    static_cast<CEString&>(*this) = std::move(changed);
     return true;
 }
 
-void CEWorkingDir::RememberPlace()
+bool CEWorkingDir::RememberPlace()
 {
-    if (!m_changed) {
-        m_place = platform::CurrentPlace();
+    if (m_changed) {
+        return true; // that is where this object comes from
     }
-}
-
-void CEWorkingDir::NoticeMove() noexcept
-{
-    try {
-        m_changed = m_changed || !(platform::CurrentPlace() == m_place);
-    } catch (const std::bad_alloc&) {
-        m_changed = true; // going back to where it is does no harm
-    }
+    m_homeName = *this;
+    int failure = 0;
+    const bool taken = m_place.Take(failure);
+    SetLastFailure(failure);
+    return taken;
 }
 
 std::string_view FileNamePart(std::string_view path)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "src-baselib/cestring.h"
+#include "src-baselib/platform.h"
 
 class CEPathString : public CEString
 {
@@ -28,19 +29,20 @@ public:
     CEWorkingDir();
     CEWorkingDir(const CEWorkingDir&) = delete;
     CEWorkingDir& operator=(const CEWorkingDir&) = delete;
-    // Goes back, unless this object never left.
+    // Goes back, unless this object never left; that needs no memory.
     ~CEWorkingDir() override;
 
-    // Changes the process's directory. A null or empty name does nothing and succeeds.
+    // Changes the process's directory. A null or empty name does nothing and succeeds. Where there is no way
+    // back it fails and changes nothing.
     bool ChangeDir(const char* name);
     // Sees whether somebody else has moved the process since RememberPlace; this object then goes back at its
-    // end.
-    void RememberPlace();
-    void NoticeMove() noexcept;
+    // end. False when the place cannot be remembered.
+    bool RememberPlace();
+    void NoticeMove() noexcept { m_changed = m_changed || m_place.IsLeft(); }
 
 private:
-    CEStringArray m_stack;
-    CEString m_place; // as the system has it
+    CEString m_homeName; // for the trace; empty when it cannot be told
+    platform::CPlace m_place;
     bool m_changed = false;
 };
 

@@ -167,6 +167,8 @@ void CEString::EncodeBase64(const void* data, std::int64_t length, CEString& res
 }
 
 namespace {
+constinit CNeverDestroyed<CEString> g_empty;
+
 int CompareBytes(const CEString& left, const CEString& right)
 {
     return std::strcmp(left.CStr(), right.CStr()); // strcmp compares unsigned bytes
@@ -180,9 +182,8 @@ CEStringArray::Compare CEStringArray::GetCompareFunction() const
 
 const CEString& CEStringArray::GetAt(std::int32_t index) const
 {
-    static CNeverDestroyed<CEString> empty;
     const CEString* const text = At(index);
-    return text == nullptr ? empty.Get() : *text;
+    return text == nullptr ? g_empty.Get() : *text;
 }
 
 void CEStringArray::Sort()

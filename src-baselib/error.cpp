@@ -3,7 +3,7 @@
 #include <string_view>
 
 CError::CError(const char* jobName, const char* buildText, const char* variable, std::uint32_t threadId)
-    : CTraceFile(jobName, buildText, variable, threadId)
+    : CTraceFile(jobName, buildText, variable, threadId), m_ownThread(threadId)
 {
 }
 
@@ -50,10 +50,13 @@ void CError::EndFailedCall()
     m_pendingCount = 0;
 }
 
+namespace {
+constinit CNeverDestroyed<CThreadVar<CError>> g_threadError;
+} // namespace
+
 CThreadVar<CError>& ThreadErrorVar()
 {
-    static CNeverDestroyed<CThreadVar<CError>> variable;
-    return variable.Get();
+    return g_threadError.Get();
 }
 
 void SetPendingError(int code)

@@ -25,10 +25,13 @@ public:
     // A call ends in failure: its pending error becomes the last one.
     void EndFailedCall();
 
+    // The thread that it was made for.
+    [[nodiscard]] std::uint32_t GetThreadId() const { return m_ownThread; }
     void SetMultiThreaded() { m_multiThreaded = true; }
     [[nodiscard]] bool IsThreadOfMany() const { return m_multiThreaded; }
 
 private:
+    const std::uint32_t m_ownThread;
     int m_pending = 0;
     int m_pendingCount = 0; // errors raised since the state was cleared
     CEString m_pendingText;
@@ -38,7 +41,3 @@ private:
 
 // The per-thread variable that holds it; threadstate makes and destroys the objects.
 CThreadVar<CError>& ThreadErrorVar();
-
-// For the trace writer itself, whose failures belong to the thread and not to the writer that failed.
-void SetPendingError(int code);
-void ClearPendingError();

@@ -2,6 +2,10 @@
 
 #include "src-baselib/neverdestroyed.h"
 
+namespace {
+constinit CNeverDestroyed<CEString> g_noName;
+} // namespace
+
 void IOElement::SetNoCopy(bool /*noCopy*/) {}
 
 void IOElement::SetAppend(bool /*append*/) {}
@@ -10,8 +14,7 @@ void IOElement::SetName(const char* /*name*/) {}
 
 const CEString& IOElement::GetName() const
 {
-    static CNeverDestroyed<CEString> none;
-    return none.Get();
+    return g_noName.Get();
 }
 
 bool IOElement::IsAvailable()

@@ -7,6 +7,19 @@
 
 #include "src-baselib/cestring.h"
 
+// A stream that can also be read where its bytes lie, without a copy.
+class IOLender
+{
+public:
+    // The address of the next bytes, valid until the stream's next operation. `length` is the most that is
+    // wanted on entry and what was read on return, a multiple of `unit`. Null, and nothing is read, when not
+    // even one unit lies ready: Read delivers it then.
+    [[nodiscard]] virtual const char* Lend(std::int32_t& length, std::int32_t unit) = 0;
+
+protected:
+    ~IOLender() = default;
+};
+
 class IOElement
 {
 public:
@@ -17,13 +30,6 @@ public:
     virtual ~IOElement() = default;
     // `length` is the room on entry and the bytes read on return, 0 at the end of the data.
     virtual bool Read(void* buffer, std::int32_t& length) = 0;
-    // Reads without a copy what lies ready: the address of the next bytes, valid until the next operation.
-    // `length` is the most that is wanted on entry and what was read on return, a multiple of `unit`. Null,
-    // and nothing is read, when not even one unit lies ready; Read delivers it then.
-    [[nodiscard]] virtual const char* Lend(std::int32_t& /*length*/, std::int32_t /*unit*/)
-    {
-        return nullptr;
-    }
     virtual bool Write(const void* buffer, std::int32_t length) = 0;
     // The mark is a second read position, independent of the first.
     virtual bool SetMark() = 0;
@@ -52,11 +58,18 @@ public:
     virtual void AddByteCount(std::uint32_t count) { m_byteCount += count; }
     virtual bool Flush() { return true; }
 
+    // This stream as one that lends; null for one that does not.
+    [[nodiscard]] IOLender* GetLender() const { return m_lender; }
+
     // The wrapped stream, not owned; null makes this one a leaf.
     void SetInner(IOElement* inner) { m_inner = inner; }
     [[nodiscard]] IOElement* GetInner() const { return m_inner; }
 
+protected:
+    explicit IOElement(IOLender& self) : m_lender(&self) {}
+
 private:
+    IOLender* m_lender = nullptr; // this
     IOElement* m_inner = nullptr;
     std::uint64_t m_byteCount = 0;
 };

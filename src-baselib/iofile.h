@@ -5,9 +5,11 @@
 #include "src-baselib/afile.h"
 #include "src-baselib/ioelement.h"
 
-class IOFile : public IOElement
+class IOFile : public IOElement, public IOLender
 {
 public:
+    IOFile() : IOElement(static_cast<IOLender&>(*this)) {}
+
     bool Read(void* buffer, std::int32_t& length) override;
     [[nodiscard]] const char* Lend(std::int32_t& length, std::int32_t unit) override;
     bool Write(const void* buffer, std::int32_t length) override;

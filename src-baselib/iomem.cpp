@@ -4,12 +4,13 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <utility>
 
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 
 namespace {
 constexpr std::int32_t kChunkSize = 65536;
-constexpr int kMemoryOutputError = 196;
 
 bool ParseNumber(std::string_view text, std::uint64_t& number)
 {
@@ -56,7 +57,7 @@ bool ParseMemoryBlocks(std::string_view text, std::vector<MemoryBlock>& blocks)
     return true;
 }
 
-IOMemory::IOMemory() : m_store(kChunkSize) {}
+IOMemory::IOMemory() : IOElement(static_cast<IOLender&>(*this)), m_store(kChunkSize) {}
 
 bool IOMemory::ReadAt(std::int64_t& position, void* buffer, std::int32_t& length)
 {
@@ -76,6 +77,26 @@ bool IOMemory::ReadAt(std::int64_t& position, void* buffer, std::int32_t& length
     }
     position += length;
     return true;
+}
+
+const char* IOMemory::Lend(std::int32_t& length, std::int32_t unit)
+{
+    const std::int32_t wanted = std::exchange(length, 0);
+    if (unit <= 0 || m_position < 0 || m_position >= Size()) {
+        return nullptr;
+    }
+    if (m_position < m_walkStart) {
+        m_walkItem = 0;
+        m_walkStart = 0;
+    }
+    while (m_walkStart + m_store.GetItemSize(m_walkItem) <= m_position) {
+        m_walkStart += m_store.GetItemSize(m_walkItem++);
+    }
+    const std::int64_t inside = m_position - m_walkStart;
+    const std::int64_t ready = m_store.GetItemSize(m_walkItem) - inside;
+    length = static_cast<std::int32_t>(std::min<std::int64_t>(wanted, ready)) / unit * unit;
+    m_position += length;
+    return length > 0 ? m_store.GetItemData(m_walkItem) + inside : nullptr;
 }
 
 bool IOMemory::Append(const void* buffer, std::int32_t length)
@@ -118,7 +139,7 @@ bool IOMemory::Overwrite(const char* buffer, std::int32_t length)
 
 bool IOMemory::Write(const void* buffer, std::int32_t length)
 {
-    if (buffer == nullptr || length < 0) {
+    if (buffer == nullptr || length < 0 || m_borrowed) {
         return false;
     }
     const std::int32_t chunksBefore = m_store.GetItemCount();
@@ -174,7 +195,7 @@ bool IOMemory::HandOn(const void* data, std::int64_t length)
         taken = m_recordSink(m_sinkRecord, m_sinkUser, PendingError());
     }
     if (!taken) {
-        RaiseError(kMemoryOutputError);
+        RaiseError(codes::kMemoryOutput);
     }
     return taken;
 }
@@ -182,6 +203,8 @@ bool IOMemory::HandOn(const void* data, std::int64_t length)
 void IOMemory::ClearStore()
 {
     m_store.Clear();
+    m_store.SetChunkSize(kChunkSize); // references have changed it
+    m_borrowed = false;
     m_walkItem = 0;
     m_walkStart = 0;
 }
@@ -289,8 +312,8 @@ bool IOMemory::FlushToInner()
     if (Size() > std::numeric_limits<std::int32_t>::max()) {
         return false; // one write cannot carry it
     }
-    const std::unique_ptr<char[]> whole(new char[static_cast<std::size_t>(Size())]);
-    return m_store.CopyTo(whole.get(), Size()) &&
+    const std::unique_ptr<char[]> whole(new (std::nothrow) char[static_cast<std::size_t>(Size())]);
+    return whole != nullptr && m_store.CopyTo(whole.get(), Size()) &&
            GetInner()->Write(whole.get(), static_cast<std::int32_t>(Size()));
 }
 
@@ -342,11 +365,12 @@ bool IOMemory::SetMemoryBlocks(const char* text)
     if (!ParseMemoryBlocks(text == nullptr ? "" : text, blocks)) {
         return false;
     }
+    m_borrowed = !blocks.empty();
     for (const MemoryBlock& block : blocks) {
-        const auto* data = static_cast<const char*>(block.address);
+        auto* data = static_cast<char*>(const_cast<void*>(block.address)); // only read: see Write
         for (std::uint64_t rest = block.length; rest > 0;) {
             const auto piece = static_cast<std::int32_t>(std::min<std::uint64_t>(rest, 1U << 30U));
-            m_store.Append(data, piece);
+            m_store.AppendReference(data, piece);
             AddByteCount(static_cast<std::uint32_t>(piece));
             data += piece;
             rest -= static_cast<std::uint64_t>(piece);

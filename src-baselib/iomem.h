@@ -20,7 +20,7 @@ struct MemoryBlock
 // a null address with a length. A trailing ";" adds no item; an empty text is a valid empty list.
 [[nodiscard]] bool ParseMemoryBlocks(std::string_view text, std::vector<MemoryBlock>& blocks);
 
-class IOMemory : public IOElement
+class IOMemory : public IOElement, public IOLender
 {
 public:
     struct SinkRecord
@@ -35,7 +35,9 @@ public:
     IOMemory();
 
     bool Read(void* buffer, std::int32_t& length) override { return ReadAt(m_position, buffer, length); }
+    [[nodiscard]] const char* Lend(std::int32_t& length, std::int32_t unit) override;
     // Writing over stored bytes replaces them only within the chunk at the position; the rest is appended.
+    // Fails for a stream over blocks of the host, which are only read.
     bool Write(const void* buffer, std::int32_t length) override;
     bool SetMark() override;
     bool ReadAtMark(void* buffer, std::int32_t& length) override { return ReadAt(m_mark, buffer, length); }
@@ -60,7 +62,8 @@ public:
     // Also makes every stored byte count as not yet handed to the sink.
     virtual void SetAutoFlush(bool autoFlush);
 
-    // Replaces the content by a copy of the listed blocks. False, and no content, when the list is not valid.
+    // The content is now that of the listed blocks of the host, which are read where they lie: they must stay
+    // until the stream ends or has another content. False, and no content, when the list is not valid.
     bool SetMemoryBlocks(const char* text);
     // At most one of the sinks is used, the data sink before the record sink. `record` is not owned.
     void SetDataSink(DataSink sink, void* user);
@@ -94,6 +97,7 @@ private:
     bool m_closed = false;
     bool m_autoFlush = true;
     bool m_noCopy = false;
+    bool m_borrowed = false;           // the content lies in blocks of the host
     std::int64_t m_flushedOffset = -1; // of the last byte handed to the sink; -1: none
     CEString m_name;
 };

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "src-baselib/cestring.h"
 
@@ -52,11 +53,29 @@ int SocketErrorCode(int error);
 // The process's current directory; false and `error` set on failure.
 bool CurrentDirectory(char* buffer, std::size_t size, int& error);
 bool ChangeDirectory(const char* name, int& error);
-// The current directory exactly, in the system's own bytes, for ReturnToPlace: the name above lacks what the
-// code page has no character for. Empty when the system does not tell it.
-CEString CurrentPlace();
-// False and `error` set on failure.
-bool ReturnToPlace(const CEString& place, int& error);
+
+// A directory to find back to exactly: its name may be too long for the above, hold what the code page has no
+// character for, or be gone.
+class CPlace
+{
+public:
+    CPlace();
+    ~CPlace();
+    CPlace(const CPlace&) = delete;
+    CPlace& operator=(const CPlace&) = delete;
+
+    // Takes the current directory. False and `error` set on failure; the place is then as it was.
+    bool Take(int& error);
+    // Makes the place the current directory again; needs no memory. False and `error` set on failure, also
+    // when none was taken.
+    bool Return(int& error) const;
+    // Whether the current directory is another one; false when none was taken.
+    [[nodiscard]] bool IsLeft() const noexcept;
+
+private:
+    struct Exact;
+    std::unique_ptr<Exact> m_exact; // as the system has it
+};
 
 // A copy of an environment variable; empty when it is not set.
 CEString EnvironmentVariable(const char* name);
@@ -84,6 +103,12 @@ ClockTime GetClockTime();
 // Milliseconds of a clock that only runs forward.
 std::int64_t MonotonicMilliseconds();
 
+// Whether there is memory now for a block of `size` bytes, which what comes next takes and cannot say that
+// there is none. Freed again, it is there for it.
+bool HasMemory(std::size_t size) noexcept;
+// To be called in each thread before anything is thrown in it. False without memory.
+bool PrepareThread() noexcept;
+
 // Thread-local slots. AllocateSlot returns -1 when there is none left; a new slot holds null in every thread.
 int AllocateSlot();
 void FreeSlot(int slot);
@@ -92,34 +117,30 @@ bool SetSlot(int slot, void* value);
 // Called when a thread that ever set a slot ends, with its slots still readable. Null takes it off.
 void SetThreadEndHook(void (*hook)());
 
-// The process-wide mutex; usable as a lock for std::lock_guard. Locking never fails.
-class CPlatformMutex
+// Holds the process's one lock while it lives: for what all threads share, over nothing that takes the lock
+// again or waits for another thread. A child that is forked meanwhile finds the lock free.
+class CProcessLock
 {
 public:
-    CPlatformMutex();
-    ~CPlatformMutex();
-    CPlatformMutex(const CPlatformMutex&) = delete;
-    CPlatformMutex& operator=(const CPlatformMutex&) = delete;
-
-    void lock();
-    void unlock();
-
-private:
-    alignas(void*) unsigned char m_storage[64]; // the platform's mutex
+    CProcessLock();
+    ~CProcessLock();
+    CProcessLock(const CProcessLock&) = delete;
+    CProcessLock& operator=(const CProcessLock&) = delete;
 };
 
-// Keeps the broken-pipe signal of a dropped connection from the calling thread's process while it lives.
-class CBrokenPipeGuard
+// Keeps the signals of a failed write, to a dropped connection or beyond a limit for files, from the calling
+// thread's process while it lives.
+class CWriteSignalGuard
 {
 public:
-    CBrokenPipeGuard();
-    ~CBrokenPipeGuard();
-    CBrokenPipeGuard(const CBrokenPipeGuard&) = delete;
-    CBrokenPipeGuard& operator=(const CBrokenPipeGuard&) = delete;
+    CWriteSignalGuard();
+    ~CWriteSignalGuard();
+    CWriteSignalGuard(const CWriteSignalGuard&) = delete;
+    CWriteSignalGuard& operator=(const CWriteSignalGuard&) = delete;
 
 private:
-    bool m_blocked = false;    // the signal is blocked while this guard lives
-    bool m_wasBlocked = false; // the host had it blocked already
+    unsigned m_held = 0;    // a bit for each signal that belongs to this guard while it lives
+    unsigned m_blocked = 0; // for each that the host had not blocked
 };
 
 // Keeps the calling thread from being cancelled while it lives: a call is a host's, and is not left halfway.

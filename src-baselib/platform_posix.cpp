@@ -3,15 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <climits>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <fcntl.h>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <pthread.h>
 #include <csignal>
 #include <sys/file.h>
@@ -113,14 +112,16 @@ bool ReadFile(FileHandle handle, void* buffer, std::uint32_t& count, int& error)
 
 bool WriteFile(FileHandle handle, const void* buffer, std::uint32_t& count, int& error)
 {
-    const CBrokenPipeGuard guard; // a trace may be a pipe whose reader has gone
+    const CWriteSignalGuard guard; // a trace may be a pipe whose reader has gone, or at a limit
     ssize_t moved = 0;
     do {
         moved = write(ToDescriptor(handle), buffer, count);
     } while (moved < 0 && errno == EINTR);
-    error = moved < 0 ? errno : 0;
-    count = moved < 0 ? 0 : static_cast<std::uint32_t>(moved);
-    return moved >= 0;
+    const bool written =
+        moved > 0 || (moved == 0 && count == 0); // who writes on after nothing would never end
+    error = written ? 0 : moved == 0 ? EIO : errno;
+    count = written ? static_cast<std::uint32_t>(moved) : 0;
+    return written;
 }
 
 bool SeekFile(FileHandle handle, std::int64_t offset, int origin, std::int64_t& position, int& error)
@@ -210,16 +211,51 @@ bool ChangeDirectory(const char* name, int& error)
     return true;
 }
 
-CEString CurrentPlace()
+struct CPlace::Exact
 {
-    char name[PATH_MAX];
-    int error = 0;
-    return CurrentDirectory(name, sizeof name, error) ? CEString(name) : CEString();
+    // Only to go there: it needs no right to read the folder, and follows one that is renamed or removed.
+    int descriptor = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+
+    Exact() = default;
+    Exact(const Exact&) = delete;
+    Exact& operator=(const Exact&) = delete;
+    ~Exact()
+    {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
+    }
+};
+
+CPlace::CPlace() = default;
+CPlace::~CPlace() = default;
+
+bool CPlace::Take(int& error)
+{
+    auto exact = std::make_unique<Exact>();
+    if (exact->descriptor < 0) {
+        error = errno;
+        return false;
+    }
+    m_exact = std::move(exact);
+    return true;
 }
 
-bool ReturnToPlace(const CEString& place, int& error)
+bool CPlace::Return(int& error) const
 {
-    return ChangeDirectory(place.CStr(), error);
+    if (m_exact != nullptr && fchdir(m_exact->descriptor) == 0) {
+        return true;
+    }
+    error = m_exact == nullptr ? ENOENT : errno;
+    return false;
+}
+
+bool CPlace::IsLeft() const noexcept
+{
+    struct stat place = {};
+    struct stat now = {};
+    return m_exact != nullptr && (fstat(m_exact->descriptor, &place) != 0 || stat(".", &now) != 0 ||
+                                  place.st_dev != now.st_dev || place.st_ino != now.st_ino);
 }
 
 CEString EnvironmentVariable(const char* name)
@@ -243,6 +279,18 @@ CEString HostName()
 {
     utsname name = {};
     return uname(&name) == 0 && name.nodename[0] != '\0' ? CEString(name.nodename) : CEString("localhost");
+}
+
+bool PrepareThread() noexcept
+{
+    // The C++ library's per-thread state for exceptions is made at its first use, which in a library loaded
+    // at run time takes memory or ends the process.
+    constexpr std::size_t kStates = 4096; // more than those of all libraries take
+    if (!HasMemory(kStates)) {
+        return false;
+    }
+    [[maybe_unused]] const volatile int used = std::uncaught_exceptions();
+    return true;
 }
 
 std::uint32_t CurrentThreadId()
@@ -304,7 +352,6 @@ struct ThreadSlots
     std::array<void*, kSlots> values = {};
 };
 
-std::mutex g_slotMutex;
 std::array<bool, kSlots> g_slotUsed = {};
 int g_slotCount = 0; // the key exists while it is not 0
 pthread_key_t g_slotKey = 0;
@@ -324,7 +371,7 @@ void EndThread(void* data)
 
 int AllocateSlot()
 {
-    const std::lock_guard<std::mutex> lock(g_slotMutex);
+    const CProcessLock lock;
     const auto free = std::find(g_slotUsed.begin(), g_slotUsed.end(), false);
     if (free == g_slotUsed.end() || (g_slotCount == 0 && pthread_key_create(&g_slotKey, EndThread) != 0)) {
         return -1;
@@ -339,7 +386,7 @@ void FreeSlot(int slot)
     if (slot < 0) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(g_slotMutex);
+    const CProcessLock lock;
     g_slotUsed.at(static_cast<std::size_t>(slot)) = false;
     if (--g_slotCount == 0) {
         const std::unique_ptr<ThreadSlots> own(static_cast<ThreadSlots*>(pthread_getspecific(g_slotKey)));
@@ -382,31 +429,24 @@ void SetThreadEndHook(void (*hook)())
 }
 
 namespace {
-std::mutex& AsMutex(unsigned char* storage)
+constinit std::mutex g_processMutex;
+
+// Without memory for it there is no library either.
+[[gnu::constructor]] void KeepLockFromForks()
 {
-    return *std::launder(reinterpret_cast<std::mutex*>(storage));
+    pthread_atfork([] { g_processMutex.lock(); }, [] { g_processMutex.unlock(); },
+                   [] { g_processMutex.unlock(); });
 }
 } // namespace
 
-CPlatformMutex::CPlatformMutex()
+CProcessLock::CProcessLock()
 {
-    static_assert(sizeof(std::mutex) <= sizeof m_storage);
-    new (m_storage) std::mutex;
+    g_processMutex.lock();
 }
 
-CPlatformMutex::~CPlatformMutex()
+CProcessLock::~CProcessLock()
 {
-    std::destroy_at(&AsMutex(m_storage));
-}
-
-void CPlatformMutex::lock()
-{
-    AsMutex(m_storage).lock();
-}
-
-void CPlatformMutex::unlock()
-{
-    AsMutex(m_storage).unlock();
+    g_processMutex.unlock();
 }
 
 CCancellationGuard::CCancellationGuard()
@@ -422,43 +462,71 @@ CCancellationGuard::~CCancellationGuard()
 }
 
 namespace {
-sigset_t BrokenPipe()
+constexpr std::array kWriteSignals = {SIGPIPE, SIGXFSZ};
+
+unsigned Bit(int signal)
+{
+    return 1U << static_cast<unsigned>(signal);
+}
+
+// Those whose bits are set.
+sigset_t WriteSignals(unsigned bits)
 {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGPIPE);
+    for (const int signal : kWriteSignals) {
+        if ((bits & Bit(signal)) != 0) {
+            sigaddset(&set, signal);
+        }
+    }
     return set;
 }
 
-bool BrokenPipeIsPending()
+bool IsIn(const sigset_t& set, int signal)
 {
-    sigset_t pending;
-    return sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+    return sigismember(&set, signal) == 1;
 }
 } // namespace
 
-CBrokenPipeGuard::CBrokenPipeGuard()
+CWriteSignalGuard::CWriteSignalGuard()
 {
-    const sigset_t set = BrokenPipe();
+    const sigset_t all = WriteSignals(~0U);
     sigset_t old;
-    m_blocked = pthread_sigmask(SIG_BLOCK, &set, &old) == 0;
-    m_wasBlocked = m_blocked && sigismember(&old, SIGPIPE) == 1;
-    // A signal that was pending before belongs to the host and is left to it.
-    m_blocked = m_blocked && !(m_wasBlocked && BrokenPipeIsPending());
-}
-
-CBrokenPipeGuard::~CBrokenPipeGuard()
-{
-    if (!m_blocked) {
+    sigset_t pending;
+    if (pthread_sigmask(SIG_BLOCK, &all, &old) != 0) {
         return;
     }
-    const int savedErrno = errno;
-    const sigset_t set = BrokenPipe();
-    const timespec now = {};
-    while (BrokenPipeIsPending() && sigtimedwait(&set, nullptr, &now) < 0 && errno == EINTR) {
+    sigemptyset(&pending);
+    if (std::any_of(kWriteSignals.begin(), kWriteSignals.end(), [&](int s) { return IsIn(old, s); })) {
+        sigpending(&pending);
     }
-    if (!m_wasBlocked) {
-        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    for (const int signal : kWriteSignals) {
+        const bool wasBlocked = IsIn(old, signal);
+        m_blocked |= wasBlocked ? 0 : Bit(signal);
+        // One that was pending before belongs to the host and is left to it.
+        m_held |= wasBlocked && IsIn(pending, signal) ? 0 : Bit(signal);
+    }
+}
+
+CWriteSignalGuard::~CWriteSignalGuard()
+{
+    const int savedErrno = errno;
+    sigset_t pending;
+    sigemptyset(&pending);
+    if (m_held != 0) {
+        sigpending(&pending);
+    }
+    for (const int signal : kWriteSignals) {
+        if ((m_held & Bit(signal)) != 0 && IsIn(pending, signal)) {
+            const sigset_t one = WriteSignals(Bit(signal));
+            const timespec now = {};
+            while (sigtimedwait(&one, nullptr, &now) < 0 && errno == EINTR) {
+            }
+        }
+    }
+    if (m_blocked != 0) {
+        const sigset_t blocked = WriteSignals(m_blocked);
+        pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
     }
     errno = savedErrno;
 }

@@ -161,7 +161,16 @@ bool ChangeDirectory(const char* name, int& error)
     return Told(SetCurrentDirectoryA(name), error);
 }
 
-CEString CurrentPlace()
+struct CPlace::Exact
+{
+    std::wstring name;
+};
+
+CPlace::CPlace() = default;
+CPlace::~CPlace() = default;
+
+namespace {
+std::wstring CurrentName()
 {
     // Another thread may move the process while it is asked.
     std::wstring name;
@@ -170,15 +179,37 @@ CEString CurrentPlace()
         name.resize(length);
     }
     name.resize(std::wcslen(name.c_str()));
-    return CEString(
-        std::string_view(reinterpret_cast<const char*>(name.data()), name.size() * sizeof(wchar_t)));
+    return name;
+}
+} // namespace
+
+bool CPlace::Take(int& error)
+{
+    auto exact = std::make_unique<Exact>(CurrentName());
+    if (exact->name.empty()) {
+        error = LastError();
+        return false;
+    }
+    m_exact = std::move(exact);
+    return true;
 }
 
-bool ReturnToPlace(const CEString& place, int& error)
+bool CPlace::Return(int& error) const
 {
-    std::wstring name(place.GetLength() / sizeof(wchar_t), L'\0');
-    std::memcpy(name.data(), place.CStr(), name.size() * sizeof(wchar_t));
-    return Told(SetCurrentDirectoryW(name.c_str()), error);
+    if (m_exact == nullptr) {
+        error = ERROR_PATH_NOT_FOUND;
+        return false;
+    }
+    return Told(SetCurrentDirectoryW(m_exact->name.c_str()), error);
+}
+
+bool CPlace::IsLeft() const noexcept
+{
+    try {
+        return m_exact != nullptr && CurrentName() != m_exact->name;
+    } catch (const std::bad_alloc&) {
+        return true; // going back to where it is does no harm
+    }
 }
 
 CEString EnvironmentVariable(const char* name)
@@ -204,6 +235,11 @@ CEString HostName()
     DWORD size = sizeof name;
     const bool known = GetComputerNameExA(ComputerNameDnsHostname, name, &size) != FALSE && name[0] != '\0';
     return {known ? name : "localhost"};
+}
+
+bool PrepareThread() noexcept
+{
+    return true; // what the runtime made now would be left behind by a library that comes and goes
 }
 
 std::uint32_t CurrentThreadId()
@@ -275,37 +311,24 @@ void SetThreadEndHook(void (* /*hook*/)())
     // The loader tells the library itself of a thread's end.
 }
 
-// A lock that holds nothing of the system, so that nothing of it is left behind by a library that comes and
-// goes.
-static_assert(sizeof(SRWLOCK) <= sizeof(CPlatformMutex));
-
+// It holds nothing of the system, so that nothing of it is left behind by a library that comes and goes.
 namespace {
-SRWLOCK& AsLock(unsigned char* storage)
-{
-    return *std::launder(reinterpret_cast<SRWLOCK*>(storage));
-}
+constinit SRWLOCK g_processLock = SRWLOCK_INIT;
 } // namespace
 
-CPlatformMutex::CPlatformMutex()
+CProcessLock::CProcessLock()
 {
-    new (m_storage) SRWLOCK(SRWLOCK_INIT);
+    AcquireSRWLockExclusive(&g_processLock);
 }
 
-CPlatformMutex::~CPlatformMutex() = default;
-
-void CPlatformMutex::lock()
+CProcessLock::~CProcessLock()
 {
-    AcquireSRWLockExclusive(&AsLock(m_storage));
-}
-
-void CPlatformMutex::unlock()
-{
-    ReleaseSRWLockExclusive(&AsLock(m_storage));
+    ReleaseSRWLockExclusive(&g_processLock);
 }
 
 // There are neither signals nor cancelled threads here.
-CBrokenPipeGuard::CBrokenPipeGuard() = default;
-CBrokenPipeGuard::~CBrokenPipeGuard() = default;
+CWriteSignalGuard::CWriteSignalGuard() = default;
+CWriteSignalGuard::~CWriteSignalGuard() = default;
 CCancellationGuard::CCancellationGuard() = default;
 CCancellationGuard::~CCancellationGuard() = default;
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <mutex>
 #include <new>
 #include <string>
 #include <vector>
@@ -35,18 +34,14 @@ bool TraceFailure(const char* what, const CEString& name, int error)
     return false;
 }
 
+// Under the process's lock.
 struct Leftovers
 {
-    platform::CPlatformMutex mutex;
     std::vector<std::unique_ptr<CPrivateFile>> files;
     std::vector<const CPrivateFile*> living; // their owners'
 };
 
-Leftovers& ProcessLeftovers()
-{
-    static CNeverDestroyed<Leftovers> leftovers;
-    return leftovers.Get();
-}
+constinit CNeverDestroyed<Leftovers> g_leftovers;
 
 bool IsDeviceName(std::string_view name)
 {
@@ -114,9 +109,8 @@ bool CPrivateFile::Create(const CEString& name, IOElement& content)
     m_path = m_folder;
     m_path.Append(SafeFileName(name.View(), kLongestPath - m_folder.GetLength()).View());
     {
-        Leftovers& leftovers = ProcessLeftovers();
-        const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
-        leftovers.living.push_back(this);
+        const platform::CProcessLock lock;
+        g_leftovers.Get().living.push_back(this);
     }
 
     CTracedFile file;
@@ -148,16 +142,16 @@ bool CPrivateFile::Remove()
 
 CPrivateFile::~CPrivateFile()
 {
-    Leftovers& leftovers = ProcessLeftovers();
+    Leftovers& leftovers = g_leftovers.Get();
     try {
         {
-            const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
+            const platform::CProcessLock lock;
             std::erase(leftovers.living, this);
         }
         if (Remove()) {
             return;
         }
-        const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
+        const platform::CProcessLock lock;
         leftovers.files.reserve(leftovers.files.size() + 1);
         auto rest = std::make_unique<CPrivateFile>();
         std::swap(rest->m_folder, m_folder);
@@ -171,8 +165,8 @@ CPrivateFile::~CPrivateFile()
 void CPrivateFile::RemoveLeftovers()
 {
     std::vector<std::unique_ptr<CPrivateFile>> tried; // what fails again comes back by its destructor
-    Leftovers& leftovers = ProcessLeftovers();
-    const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
+    Leftovers& leftovers = g_leftovers.Get();
+    const platform::CProcessLock lock;
     tried.swap(leftovers.files);
 }
 
@@ -180,8 +174,8 @@ void CPrivateFile::RemoveAll() noexcept
 {
     RemoveLeftovers();
     std::vector<const CPrivateFile*> living; // gives back its memory
-    Leftovers& leftovers = ProcessLeftovers();
-    const std::lock_guard<platform::CPlatformMutex> lock(leftovers.mutex);
+    Leftovers& leftovers = g_leftovers.Get();
+    const platform::CProcessLock lock;
     living.swap(leftovers.living);
     for (const CPrivateFile* const file : living) {
         int error = 0; // nobody is left to be told

@@ -6,14 +6,10 @@
 #include <cstring>
 #include <limits>
 
-#include "src-baselib/propertyset.h"
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 
 namespace {
-constexpr int kCannotBeRead = 2;
-constexpr int kNotWritable = 3;
-constexpr int kInvalidArgument = 29;
-constexpr int kBufferTooSmall = 47;
 constexpr std::size_t kLongestTraced = 450;
 constexpr char kSeparator = ';';
 
@@ -49,11 +45,6 @@ void SplitList(std::string_view text, CEStringArray& parts)
     }
 }
 
-CProperty::CProperty(const char* name, CPropertySet& owner) : m_name(name)
-{
-    owner.Add(name, this);
-}
-
 bool CProperty::SetValue(const char* /*text*/)
 {
     return false;
@@ -72,7 +63,7 @@ void CProperty::SetBool(std::int32_t /*value*/) {}
 bool CProperty::CheckReadable() const
 {
     if (!IsReadable()) {
-        RaiseError(kCannotBeRead);
+        RaiseError(codes::kCannotBeRead);
     }
     return IsReadable();
 }
@@ -80,7 +71,7 @@ bool CProperty::CheckReadable() const
 bool CProperty::CheckWritable() const
 {
     if (!IsWritable()) {
-        RaiseError(kNotWritable);
+        RaiseError(codes::kNotWritable);
     }
     return IsWritable();
 }
@@ -130,11 +121,11 @@ bool CStringProperty::GetValue(void* buffer, std::int32_t size)
         return true;
     }
     if (size < 0 || static_cast<std::size_t>(size) < m_value.GetLength() + 1) {
-        RaiseError(kBufferTooSmall);
+        RaiseError(codes::kBufferTooSmall);
         return false;
     }
     if (out == nullptr) {
-        RaiseError(kInvalidArgument);
+        RaiseError(codes::kInvalidArgument);
         return false;
     }
     std::memcpy(out, m_value.CStr(), m_value.GetLength() + 1);
@@ -259,11 +250,11 @@ bool CBoolProperty::GetValue(void* buffer, std::int32_t size)
         return false;
     }
     if (size < static_cast<std::int32_t>(sizeof m_value)) {
-        RaiseError(kBufferTooSmall);
+        RaiseError(codes::kBufferTooSmall);
         return false;
     }
     if (buffer == nullptr) {
-        RaiseError(kInvalidArgument);
+        RaiseError(codes::kInvalidArgument);
         return false;
     }
     std::memcpy(buffer, &m_value, sizeof m_value);

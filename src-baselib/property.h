@@ -49,8 +49,12 @@ public:
     [[nodiscard]] virtual CEString GetAuxString() const { return {}; }
 
     [[nodiscard]] const CEString& GetName() const { return m_name; }
+    // False: the dump leaves it out, and does not count it.
+    [[nodiscard]] bool IsShown() const { return !m_shownWhenSet || !IsEmpty(); }
 
 protected:
+    // Shown only while it has a value: what reads the dump may not know it.
+    void ShowWhenSet() { m_shownWhenSet = true; }
     [[nodiscard]] bool IsReadable() const { return (m_access & kReadable) != 0; }
     [[nodiscard]] bool IsWritable() const { return (m_access & kWritable) != 0; }
     // Each raises its error and returns false when the access is missing.
@@ -64,6 +68,7 @@ private:
 
     CEString m_name;
     std::int32_t m_access = kReadable | kWritable;
+    bool m_shownWhenSet = false;
 };
 
 class CStringProperty : public CProperty

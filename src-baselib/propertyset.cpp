@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <utility>
+#include <vector>
 
 #include "src-baselib/property.h"
 #include "src-baselib/report.h"
@@ -14,6 +16,12 @@ constexpr std::uint32_t kLoadPercent = 75;
 constexpr std::uint32_t kPrimes[] = {17,   37,    79,    163,   331,   673,    1361,   2729,
                                      5471, 10949, 21911, 43853, 87719, 175447, 350899, 701819};
 } // namespace
+
+// Stands here, so that properties know nothing of what the set is.
+CProperty::CProperty(const char* name, CPropertySet& owner) : m_name(name)
+{
+    owner.Add(name, this);
+}
 
 struct CPropertySet::Block
 {
@@ -85,9 +93,12 @@ void CPropertySet::Grow()
                                            [target](std::uint32_t p) { return p > target; });
     const std::uint32_t count = prime == std::end(kPrimes) ? kPrimes[std::size(kPrimes) - 1] : *prime;
 
-    const std::unique_ptr<Node*[]> old = std::move(m_buckets);
-    const std::uint32_t oldCount = m_bucketCount;
-    MakeBuckets(count);
+    std::unique_ptr<Node*[]> buckets(new (std::nothrow) Node*[count]());
+    if (!buckets) {
+        return; // the chains get longer; the next entry tries again
+    }
+    const std::unique_ptr<Node*[]> old = std::exchange(m_buckets, std::move(buckets));
+    const std::uint32_t oldCount = std::exchange(m_bucketCount, count);
     for (std::uint32_t i = 0; i < oldCount; ++i) {
         for (Node* node = old[i]; node != nullptr;) {
             Node* const next = node->next;
@@ -152,12 +163,19 @@ void CPropertySet::Dump() const
     if (!IsTraceActive()) {
         return;
     }
-    ::Trace(TraceLevel::Normal, "propertyset hashtablesize %d hashtableentries %d",
-            static_cast<int>(m_bucketCount), static_cast<int>(m_entryCount));
     CEStringArray names;
     GetNames(names);
+    std::vector<const CProperty*> shown;
     for (std::int32_t i = 0; i < names.GetCount(); ++i) {
-        Find(names.GetAt(i).CStr())->Trace();
+        const CProperty* const property = Find(names.GetAt(i).CStr());
+        if (property->IsShown()) {
+            shown.push_back(property);
+        }
+    }
+    ::Trace(TraceLevel::Normal, "propertyset hashtablesize %d hashtableentries %d",
+            static_cast<int>(m_bucketCount), static_cast<int>(shown.size()));
+    for (const CProperty* const property : shown) {
+        property->Trace();
     }
     ::Trace(TraceLevel::Normal, "End of propertyset %p", static_cast<const void*>(this));
 }

@@ -42,6 +42,11 @@ void TraceText(const char* text);
 // The calling thread's pending error, 0 for none.
 [[nodiscard]] int PendingError();
 
+// Sets the pending error without a trace line, and forgets it with its text and count: for the trace writer,
+// whose failures belong to the thread and not to the writer that failed.
+void SetPendingError(int code);
+void ClearPendingError();
+
 // Stores the text that goes with the pending error (null or empty clears it).
 void SetPendingErrorText(const char* text);
 

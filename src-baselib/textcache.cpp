@@ -4,6 +4,13 @@
 #include <cstring>
 #include <limits>
 
+#include "src-baselib/neverdestroyed.h"
+
+namespace {
+constinit CNeverDestroyed<const CBString> g_noBuffer;
+constinit CNeverDestroyed<const CPointerCacheItem> g_noItem;
+} // namespace
+
 CTextCacheItem::CTextCacheItem(std::int32_t capacity)
 {
     m_buffer.Reserve(static_cast<std::size_t>(std::max(capacity, 0)));
@@ -21,15 +28,13 @@ void CPointerCacheItem::SetSize(std::int32_t size)
 
 const CBString& CPointerCacheItem::GetBuffer() const
 {
-    static const CBString none;
-    return none;
+    return g_noBuffer.Get();
 }
 
 const CCacheItem& CTextCache::Item(std::int32_t index) const
 {
-    static const CPointerCacheItem empty(nullptr, 0);
     const CCacheItem* const item = m_items.At(index);
-    return item == nullptr ? empty : *item;
+    return item == nullptr ? g_noItem.Get() : *item;
 }
 
 CCacheItem& CTextCache::MakeCurrent(std::unique_ptr<CCacheItem> item)

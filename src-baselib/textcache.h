@@ -54,6 +54,7 @@ private:
 class CPointerCacheItem : public CCacheItem
 {
 public:
+    CPointerCacheItem() = default; // of no bytes
     CPointerCacheItem(void* data, std::int32_t size)
         : m_data(static_cast<char*>(data)), m_size(size), m_capacity(size)
     {
@@ -68,9 +69,9 @@ public:
     [[nodiscard]] const CBString& GetBuffer() const override;
 
 private:
-    char* m_data; // not owned
-    std::int32_t m_size;
-    std::int32_t m_capacity;
+    char* m_data = nullptr; // not owned
+    std::int32_t m_size = 0;
+    std::int32_t m_capacity = 0;
 };
 
 class CTextCacheBase

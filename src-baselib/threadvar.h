@@ -2,6 +2,7 @@
 // Alloc to Free; an object from the thread's first use of it to Destroy, both called on the thread itself.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "src-baselib/neverdestroyed.h"
@@ -24,19 +25,17 @@ public:
     // False when the system has no slot left.
     virtual bool Alloc() = 0;
 
-    void Free()
-    {
-        platform::FreeSlot(m_slot);
-        m_slot = -1;
-    }
+    // Other threads may be at work, at the process's end: to them it looks as if they had no object.
+    void Free() { platform::FreeSlot(m_slot.exchange(-1)); }
     // Deletes the calling thread's object, if it has one. The slot is emptied after that: what the object's
     // end reports still finds the thread's state.
     void Destroy()
     {
-        void* const object = platform::GetSlot(m_slot);
+        const int slot = m_slot;
+        void* const object = platform::GetSlot(slot);
         if (object != nullptr && m_destroy != nullptr) {
             m_destroy(object);
-            platform::SetSlot(m_slot, nullptr);
+            platform::SetSlot(slot, nullptr);
         }
     }
 
@@ -52,7 +51,7 @@ protected:
     [[nodiscard]] int Slot() const { return m_slot; }
 
 private:
-    int m_slot = -1;
+    std::atomic<int> m_slot = -1;
     DestroyFunction m_destroy = nullptr;
 };
 

@@ -5,30 +5,28 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <mutex>
 #include <new>
 
 #include "src-baselib/cepaths.h"
-#include "src-baselib/error.h"
-#include "src-baselib/neverdestroyed.h"
+#include "src-baselib/errorcodes.h"
+#include "version.h"
 
 namespace {
-constexpr std::uint32_t kVersion = 0x01030002;
 constexpr std::size_t kMessageSize = 2048;
 constexpr std::size_t kLineSize = 2084;      // line number, time and message
 constexpr std::int32_t kMostProblems = 1000; // a host that runs for years must not grow by its warnings
-constexpr int kNoTraceFile = 17;
 
 constexpr const char* kLevelNames[] = {"ERROR", "WARNING", "INFO", "NORMAL", "DEBUG"};
 
 // What the writers of all threads share: who was first, and whether there has been another.
-std::uint32_t g_firstThread = 0; // under the mutex
-std::atomic<bool> g_multiThreaded = false;
+constinit std::atomic<std::uint32_t> g_firstThread = 0;
+constinit std::atomic<bool> g_multiThreaded = false;
 
-platform::CPlatformMutex& TraceMutex()
+// Whether this thread's writers keep the plain name: those of the first thread, until there is another.
+bool KeepsPlainName(std::uint32_t threadId)
 {
-    static CNeverDestroyed<platform::CPlatformMutex> mutex;
-    return mutex.Get();
+    std::uint32_t first = 0;
+    return !g_multiThreaded && (g_firstThread.compare_exchange_strong(first, threadId) || first == threadId);
 }
 
 // Inserts `suffix` before the last "." of the file's name; a dot in a folder's name does not count.
@@ -45,12 +43,9 @@ CEString Suffixed(const CEString& name, const char* suffix)
 
 CTraceFile::CTraceFile(const char* jobName, const char* buildText, const char* variable,
                        std::uint32_t threadId)
-    : m_version(kVersion), m_jobName(jobName), m_buildText(buildText), m_level("NORMAL")
+    : m_version(VELMAIL_VERSION_NUMBER), m_jobName(jobName), m_buildText(buildText), m_level("NORMAL")
 {
-    const std::lock_guard<platform::CPlatformMutex> lock(TraceMutex());
-    if (!g_multiThreaded && g_firstThread == 0) {
-        g_firstThread = threadId;
-    } else if (g_multiThreaded || g_firstThread != threadId) {
+    if (!KeepsPlainName(threadId)) {
         g_multiThreaded = true;
         m_threadMark = 't';
         m_threadId = threadId;
@@ -134,7 +129,7 @@ bool CTraceFile::ResolveConflict()
             return true;
         }
     }
-    SetPendingError(kNoTraceFile);
+    SetPendingError(codes::kNoTraceFile);
     return false;
 }
 
@@ -259,7 +254,9 @@ bool CTraceFile::WriteLine(const char* message)
     const CWriting writing(m_writing);
     FormatPrefix();
     char line[kLineSize + 3];
-    const int length = std::snprintf(line, kLineSize + 1, "%s%s%s", m_lineNumber, m_timestamp, message);
+    const int length = m_bareLines
+                           ? std::snprintf(line, kLineSize + 1, "%s", message)
+                           : std::snprintf(line, kLineSize + 1, "%s%s%s", m_lineNumber, m_timestamp, message);
     std::size_t end = std::min(static_cast<std::size_t>(std::max(length, 0)), kLineSize);
     line[end++] = '\r';
     line[end++] = '\n';
@@ -295,8 +292,8 @@ bool CTraceFile::WriteText(const char* text)
     }
     const CWriting writing(m_writing);
     FormatPrefix();
-    return WriteString(m_lineNumber, false) && WriteString(m_timestamp, false) && WriteString(text, false) &&
-           WriteString("", true);
+    return (m_bareLines || (WriteString(m_lineNumber, false) && WriteString(m_timestamp, false))) &&
+           WriteString(text, false) && WriteString("", true);
 }
 
 // Four functions that differ in their level alone; a variadic one cannot forward to another.

@@ -32,6 +32,8 @@ public:
 
     // True when tracing is off or a file is usable. False, and error 17 pending, when none could be opened.
     bool EnsureWritable();
+    // Lines from now on stand without number and time; they are counted all the same.
+    void SetBareLines(bool bare) { m_bareLines = bare; }
     // Moves the trace to another file; an empty name closes it.
     bool SwitchFile(const char* name);
     // What opening this file reports must not become its first line.
@@ -71,6 +73,7 @@ private:
     CEString m_jobName;
     CEString m_buildText;
     bool m_writing = false; // a line that arrives while one is written is dropped
+    bool m_bareLines = false;
     std::int32_t m_lineCounter = 0;
     char m_timestamp[32] = "";
     char m_lineNumber[16] = "";

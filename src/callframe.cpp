@@ -1,11 +1,7 @@
 #include "src/callframe.h"
 
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
-
-namespace {
-constexpr int kNotEnoughMemory = 10;
-constexpr int kInternalError = 699;
-} // namespace
 
 bool CCallFrame::Enter()
 {
@@ -45,13 +41,13 @@ int EndThrownCall(bool outOfMemory) noexcept
         return 0; // the state could not be made: there is nowhere to keep a code
     }
     try {
-        RaiseError(outOfMemory ? kNotEnoughMemory : kInternalError,
+        RaiseError(outOfMemory ? codes::kNotEnoughMemory : codes::kInternal,
                    outOfMemory ? "Not enough memory." : "ERROR: Internal Program Error.");
     } catch (...) {
         // The trace line needs memory too; the code stands all the same.
     }
     if (error->GetPending() == 0) {
-        error->SetPending(outOfMemory ? kNotEnoughMemory : kInternalError);
+        error->SetPending(outOfMemory ? codes::kNotEnoughMemory : codes::kInternal);
     }
     error->EndFailedCall();
     return 0;

@@ -2,14 +2,13 @@
 
 #include <new>
 
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 #include "src/mapimailservice.h"
 #include "src/smtpmailservice.h"
+#include "src/submissionmailservice.h"
 
 namespace {
-
-constexpr int kNotEnoughMemory = 10;
-constexpr int kUnknownProtocol = 656;
 
 // The property's text, or `otherwise` with a warning when it is empty.
 CEString ValueOr(const CStringProperty& property, const char* otherwise, const char* warning)
@@ -21,30 +20,55 @@ CEString ValueOr(const CStringProperty& property, const char* otherwise, const c
     return {otherwise};
 }
 
-int ConnectSmtp(CCallFrame& frame)
+CMailConnectionInfo ReadConnectionInfo(const CLiveMailProperties& live, const char* port,
+                                       const char* portWarning)
 {
-    const CLiveMailProperties& live = frame.Mail().Live();
     CMailConnectionInfo info;
     info.server =
         ValueOr(live.mailServer, "localhost",
                 "Warning: MTA (sending Server) defaults to localhost. Property 'MailServer' not set");
-    info.port = ValueOr(
-        live.mailServerPort, "25",
-        "Warning: Port to connect to on mail server defaults to 25. Property 'MailServerPort' not set");
+    info.port = ValueOr(live.mailServerPort, port, portWarning);
     info.login = ValueOr(live.mailAuthLogin, "",
                          "Warning: No LoginName for opening connection. Property 'MailAuthLogin' not set.");
     info.password =
         ValueOr(live.mailAuthPassword, "",
                 "Warning: No password for opening connection. Property 'MailAuthPassword' not set.");
     info.showDialog = live.mailLogonDialog.GetBool() != 0;
+    info.security = live.mailSecurity.GetString();
+    info.caFile = live.mailSecurityCAFile.GetString();
+    info.mechanism = live.mailAuthMechanism.GetString();
+    return info;
+}
+
+template<class Service>
+int ConnectService(CCallFrame& frame, const CMailConnectionInfo& info)
+{
     try {
-        frame.Mail().SetService(std::make_unique<CSMTPMailService>());
+        frame.Mail().SetService(std::make_unique<Service>());
     } catch (const std::bad_alloc&) {
         Trace(TraceLevel::Error, "Error: Not enough memory. Mail service not found.");
-        RaiseError(kNotEnoughMemory, "Not enough memory.");
+        RaiseError(codes::kNotEnoughMemory, "Not enough memory.");
         return frame.Fail();
     }
     return frame.End(frame.Mail().GetService()->Connect(info));
+}
+
+int ConnectSmtp(CCallFrame& frame)
+{
+    return ConnectService<CSMTPMailService>(
+        frame,
+        ReadConnectionInfo(
+            frame.Mail().Live(), "25",
+            "Warning: Port to connect to on mail server defaults to 25. Property 'MailServerPort' not set"));
+}
+
+int ConnectSubmission(CCallFrame& frame)
+{
+    return ConnectService<CSubmissionMailService>(
+        frame,
+        ReadConnectionInfo(
+            frame.Mail().Live(), "587",
+            "Warning: Port to connect to on mail server defaults to 587. Property 'MailServerPort' not set"));
 }
 
 int ConnectMapi(CCallFrame& frame)
@@ -60,7 +84,7 @@ int RejectProtocol(CCallFrame& frame, const CEString& protocol)
     CEString text;
     text.Format("Unknown mail protocol given in property 'MailProtocol': '%s'", protocol.CStr());
     Trace(TraceLevel::Error, "Error: %s", text.CStr());
-    RaiseError(kUnknownProtocol, text.CStr());
+    RaiseError(codes::kUnknownProtocol, text.CStr());
     return frame.Fail();
 }
 
@@ -85,6 +109,9 @@ int RunConnect(CCallFrame& frame)
     }
     if (protocol == "MAPI") {
         return ConnectMapi(frame);
+    }
+    if (protocol == "SUBMISSION") {
+        return ConnectSubmission(frame);
     }
     return RejectProtocol(frame, protocol);
 }

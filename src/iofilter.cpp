@@ -18,6 +18,9 @@ bool IOFilter::ReadAtMark(void* /*buffer*/, std::int32_t& length)
 
 namespace {
 
+constexpr auto kBytesPerLine = static_cast<std::int32_t>(kBase64LineBytes);
+constexpr std::int32_t kLineLength = CBase64FilterIo::kLineCapacity + 2;
+
 // Reads at most `wanted` bytes; a failure counts as the end of the data.
 std::int32_t Pull(IOElement& source, char* buffer, std::int32_t wanted)
 {
@@ -25,11 +28,40 @@ std::int32_t Pull(IOElement& source, char* buffer, std::int32_t wanted)
     return wanted > 0 && source.Read(buffer, length) ? std::clamp(length, 0, wanted) : 0;
 }
 
-} // namespace
+// As IOLender::Lend; null also where the source is none.
+const char* Borrow(IOElement* source, std::int32_t& length, std::int32_t unit)
+{
+    IOLender* const lender = source == nullptr ? nullptr : source->GetLender();
+    return lender == nullptr ? nullptr : lender->Lend(length, unit);
+}
 
-namespace {
-constexpr auto kBytesPerLine = static_cast<std::int32_t>(kBase64LineBytes);
-constexpr std::int32_t kLineLength = CBase64FilterIo::kLineCapacity + 2;
+// Copies text whose last byte before was `last`, each LF that no CR precedes as CR LF. Returns the end of the
+// copy, which has room for twice the text.
+char* CopyWithCrLf(const char* text, const char* const end, char* out, char& last)
+{
+    if (text == end) {
+        return out;
+    }
+    const char before = last;
+    last = end[-1];
+    const char* const begin = text;
+    // Most text has its CRs: lines are looked at one by one, and copied together.
+    for (const char* line = text; line != end;) {
+        const auto* const lf =
+            static_cast<const char*>(std::memchr(line, '\n', static_cast<std::size_t>(end - line)));
+        if (lf == nullptr) {
+            break;
+        }
+        line = lf + 1;
+        if ((lf == begin ? before : lf[-1]) != '\r') {
+            out = std::copy(text, lf, out);
+            out = std::copy_n("\r\n", 2, out);
+            text = line;
+        }
+    }
+    return std::copy(text, end, out);
+}
+
 } // namespace
 
 bool CBase64FilterIo::Read(void* buffer, std::int32_t& length)
@@ -53,17 +85,14 @@ bool CBase64FilterIo::Read(void* buffer, std::int32_t& length)
 bool CBase64FilterIo::ReadLines(char* buffer, std::int32_t& length)
 {
     std::int32_t ready = (length - 1) / kLineLength * kBytesPerLine;
-    const char* bytes = GetInner() == nullptr ? nullptr : GetInner()->Lend(ready, kBytesPerLine);
+    const char* const bytes = Borrow(GetInner(), ready, kBytesPerLine);
     if (bytes == nullptr) {
         length = kLineCapacity;
         return Read(buffer, length);
     }
-    char* out = buffer;
-    for (const char* const end = bytes + ready; bytes != end; bytes += kBytesPerLine, out += kLineLength) {
-        EncodeBase64Line(bytes, kBase64LineBytes, out);
-        std::memcpy(out + kLineCapacity, "\r\n", 3);
-    }
-    length = static_cast<std::int32_t>(out - buffer);
+    const Base64LinesEncoder encode = FindBase64LinesEncoder();
+    encode(bytes, static_cast<std::size_t>(ready) / kBase64LineBytes, buffer);
+    length = ready / kBytesPerLine * kLineLength;
     return true;
 }
 
@@ -83,23 +112,21 @@ bool CrLfFilterIo::Read(void* buffer, std::int32_t& length)
     }
     char chunk[kLargestChunk];
     const std::int32_t count = Pull(*GetInner(), chunk, wanted);
-    auto* out = static_cast<char*>(buffer);
-    for (const char *piece = chunk, *const end = chunk + count; piece != end;) {
-        const auto* const lineEnd =
-            static_cast<const char*>(std::memchr(piece, '\n', static_cast<std::size_t>(end - piece)));
-        const char* const pieceEnd = lineEnd == nullptr ? end : lineEnd;
-        m_lastByte = pieceEnd == piece ? m_lastByte : pieceEnd[-1];
-        out = std::copy(piece, pieceEnd, out);
-        piece = pieceEnd;
-        if (lineEnd != nullptr) {
-            if (m_lastByte != '\r') {
-                *out++ = '\r';
-            }
-            *out++ = m_lastByte = '\n';
-            ++piece;
-        }
+    auto* const out = static_cast<char*>(buffer);
+    char* const end = CopyWithCrLf(chunk, chunk + count, out, m_lastByte);
+    *end = '\0';
+    length = static_cast<std::int32_t>(end - out);
+    return true;
+}
+
+bool CrLfFilterIo::ReadText(char* buffer, std::int32_t& length)
+{
+    std::int32_t ready = length / 2; // every byte may become two
+    const char* const text = Borrow(GetInner(), ready, 1);
+    if (text == nullptr) {
+        --length; // for the NUL byte
+        return Read(buffer, length);
     }
-    *out = '\0';
-    length = static_cast<std::int32_t>(out - static_cast<char*>(buffer));
+    length = static_cast<std::int32_t>(CopyWithCrLf(text, text + ready, buffer, m_lastByte) - buffer);
     return true;
 }

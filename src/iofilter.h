@@ -30,10 +30,12 @@ class CBase64FilterIo : public IOFilter
 {
 public:
     static constexpr std::int32_t kLineCapacity = 76;
+    static constexpr std::int32_t kOneLine = kLineCapacity + 3; // with CR LF and NUL
 
     using IOFilter::IOFilter;
     bool Read(void* buffer, std::int32_t& length) override;
-    // The same lines, as many at once as lie ready in the source and fit in `length` bytes, at least 79.
+    // The same lines, as many at once as lie ready in the source and fit in `length` bytes, at least
+    // kOneLine.
     bool ReadLines(char* buffer, std::int32_t& length);
 };
 
@@ -43,6 +45,9 @@ class CrLfFilterIo : public IOFilter
 public:
     using IOFilter::IOFilter;
     bool Read(void* buffer, std::int32_t& length) override;
+    // The same text without the NUL byte, as much at once as lies ready in the source and surely fits in
+    // `length` bytes, at least 3.
+    bool ReadText(char* buffer, std::int32_t& length);
     // Begins a new pass over `source`.
     void Restart(IOElement* source);
 

@@ -1,10 +1,14 @@
 #include "src/mail.h"
 
 #include <algorithm>
+#include <numeric>
+#include <vector>
 
 #include "src-baselib/report.h"
 
 namespace {
+constexpr std::int64_t kLargestReadAhead = 65536;
+
 // Looks at a file without making the host's error of what it finds.
 class CProbeFile : public AFile
 {
@@ -46,6 +50,9 @@ bool CCheckedFile::Begin()
 {
     Close();
     m_rest = m_checkedSize;
+    if (m_checkedSize > 0 && m_checkedSize < kLargestReadAhead) {
+        GetFile().SetReadAhead(static_cast<std::size_t>(m_checkedSize)); // one read takes all of a small file
+    }
     m_failed = !GetFile().Open();
     return !m_failed;
 }
@@ -85,6 +92,21 @@ bool CMailDocument::CheckFile()
     return readable;
 }
 
+std::int64_t CMailDocument::GetContentSize() const
+{
+    std::vector<MemoryBlock> blocks;
+    if (m_memory.IsEmpty()) {
+        return m_file.GetCheckedSize();
+    }
+    if (!ParseMemoryBlocks(m_memory.View(), blocks)) {
+        return -1;
+    }
+    return std::accumulate(blocks.begin(), blocks.end(), std::int64_t{0},
+                           [](std::int64_t sum, const MemoryBlock& block) {
+                               return sum + static_cast<std::int64_t>(block.length);
+                           });
+}
+
 IOElement* CMailDocument::OpenChosenStream()
 {
     if (m_memory.IsEmpty()) {
@@ -97,7 +119,7 @@ IOElement* CMailDocument::OpenChosenStream()
     return m_memoryStream->SetMemoryBlocks(m_memory.CStr()) ? m_memoryStream.get() : nullptr;
 }
 
-IOElement* CMailTextBody::OpenStream()
+CrLfFilterIo* CMailTextBody::OpenStream()
 {
     m_textFilter.Restart(OpenChosenStream());
     return &m_textFilter;

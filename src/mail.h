@@ -22,7 +22,8 @@ public:
     [[nodiscard]] const char* Lend(std::int32_t& length, std::int32_t unit) override;
     // Whether the pass read without failure all that the check saw.
     [[nodiscard]] bool IsDelivered() const { return !m_failed && m_rest <= 0; }
-    // -1: there was no check, the file's end is its end.
+    // -1: there was no check, or no size to be seen; the file's end is its end.
+    [[nodiscard]] std::int64_t GetCheckedSize() const { return m_checkedSize; }
     void SetCheckedSize(std::int64_t size) { m_checkedSize = size; }
 
 private:
@@ -55,6 +56,8 @@ public:
     [[nodiscard]] bool CheckFile();
     // Whether the last pass read all that CheckFile saw; always true for memory.
     [[nodiscard]] bool IsDelivered() const { return !m_memory.IsEmpty() || m_file.IsDelivered(); }
+    // The bytes of a whole pass; -1 when they are not known beforehand.
+    [[nodiscard]] std::int64_t GetContentSize() const;
 
 protected:
     IOElement* OpenChosenStream();
@@ -71,7 +74,7 @@ class CMailTextBody : public CMailDocument
 {
 public:
     // Never null: without a source the filter's reads fail.
-    IOElement* OpenStream() override;
+    CrLfFilterIo* OpenStream() override;
 
     void SetContentType(const CEString& type) { m_contentType = type; }
     [[nodiscard]] const CEString& GetContentType() const { return m_contentType; }
@@ -97,6 +100,8 @@ private:
     CEString m_mimeType;
     CEString m_name;
 };
+
+class CTraceFile;
 
 class CMail
 {
@@ -127,11 +132,20 @@ public:
     [[nodiscard]] const CEString& GetSubject() const { return m_subject; }
     void SetAdditionalHeader(const CEString& header) { m_additionalHeader = header; }
     [[nodiscard]] const CEString& GetAdditionalHeader() const { return m_additionalHeader; }
+    // Of the texts given by the host; empty: it is told from their bytes.
+    void SetCharset(const CEString& charset) { m_charset = charset; }
+    [[nodiscard]] const CEString& GetCharset() const { return m_charset; }
     // Exactly 1: a message of its own for each To recipient; any other value: one message for all.
     void SetMessagePerRecipient(std::int32_t flag) { m_messagePerRecipient = flag; }
     [[nodiscard]] bool IsMessagePerRecipient() const { return m_messagePerRecipient == 1; }
 
+    // The job protocol, which the user reads: what becomes of the mail is told there too. Not owned; null for
+    // none.
+    void SetProtocol(CTraceFile* protocol) { m_protocol = protocol; }
+    [[nodiscard]] CTraceFile* GetProtocol() const { return m_protocol; }
+
 private:
+    CTraceFile* m_protocol = nullptr;
     COwnedArray<CMailAttachment> m_attachments;
     CEString m_subject;
     CMailAddress m_sender;
@@ -141,5 +155,6 @@ private:
     CMailAddress m_replyTo;
     std::int32_t m_messagePerRecipient = 1;
     CEString m_additionalHeader;
+    CEString m_charset;
     CMailTextBody m_text;
 };

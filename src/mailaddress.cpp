@@ -3,27 +3,27 @@
 #include <algorithm>
 
 namespace {
-constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr std::string_view kLocalExtra = "0123456789.!#$%&'*+-/=?^_`{|}~";
 constexpr std::string_view kLabelExtra = "0123456789-";
 constexpr std::size_t kLongestLocalPart = 64;
 constexpr std::size_t kLongestDomain = 255;
 constexpr std::size_t kLongestLabel = 63;
 
-bool Has(std::string_view set, char c)
+// Whatever the locale says.
+bool IsLetter(char c)
 {
-    return set.find(c) != std::string_view::npos;
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
 bool ConsistsOf(std::string_view text, std::string_view extra)
 {
     return std::all_of(text.begin(), text.end(),
-                       [extra](char c) { return Has(kLetters, c) || Has(extra, c); });
+                       [extra](char c) { return IsLetter(c) || extra.find(c) != std::string_view::npos; });
 }
 
 bool IsLabel(std::string_view label)
 {
-    return !label.empty() && label.size() <= kLongestLabel && Has(kLetters, label.front()) &&
+    return !label.empty() && label.size() <= kLongestLabel && IsLetter(label.front()) &&
            ConsistsOf(label, kLabelExtra);
 }
 

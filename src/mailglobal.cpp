@@ -8,3 +8,11 @@ CMailGlobal::CMailGlobal(void* module) : m_module(module)
         SetLanguage("German");
     }
 }
+
+void CMailGlobal::ResetProperties()
+{
+    if (!m_defaults) {
+        m_defaults = std::make_unique<CDefaultMailProperties>();
+    }
+    m_live.CopyValuesFrom(*m_defaults);
+}

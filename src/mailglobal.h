@@ -1,9 +1,8 @@
-// A thread's mail state: its properties, its language, its delivery service and what it is composing.
+// A thread's mail state: its properties, its language and its delivery service.
 #pragma once
 
 #include <memory>
 
-#include "src/composition.h"
 #include "src/mailservice.h"
 #include "src/propmail.h"
 
@@ -14,11 +13,10 @@ public:
     explicit CMailGlobal(void* module);
 
     [[nodiscard]] CLiveMailProperties& Live() { return m_live; }
-    void ResetProperties() { m_live.CopyValuesFrom(m_defaults); }
+    void ResetProperties();
     // "German" gives German error texts, everything else English ones.
     [[nodiscard]] const CEString& GetLanguage() const { return m_language; }
     void SetLanguage(const char* language) { m_language = language; }
-    [[nodiscard]] ThreadComposition& Composition() { return m_composition; }
 
     // Null when not connected.
     [[nodiscard]] CMailService* GetService() const { return m_service.get(); }
@@ -29,8 +27,7 @@ public:
 private:
     void* m_module;
     CLiveMailProperties m_live;
-    CDefaultMailProperties m_defaults;
+    std::unique_ptr<CDefaultMailProperties> m_defaults; // made by the first reset
     CEString m_language;
-    ThreadComposition m_composition;
-    std::unique_ptr<CMailService> m_service; // goes first: its end may still report and compose
+    std::unique_ptr<CMailService> m_service; // goes first: its end may still report
 };

@@ -16,6 +16,9 @@ public:
     CEString port;
     CEString login;
     CEString password;
+    CEString security;
+    CEString caFile;
+    CEString mechanism;
     bool showDialog = false;
 };
 
@@ -33,4 +36,7 @@ public:
     // Sets the text's content type from the name of its file; an empty name leaves it unchanged.
     virtual void SetTextContentType(const CEString& fileName, CMail& mail);
     [[nodiscard]] virtual const CEString& GetServiceText() const = 0;
+    // Whether the code of a failed send is the host's at once, with its reason in the job protocol; else it
+    // surfaces at the next call.
+    [[nodiscard]] virtual bool TellsAtOnce() const { return false; }
 };

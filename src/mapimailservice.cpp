@@ -10,20 +10,12 @@
 #include <utility>
 
 #include "src-baselib/filesystem.h"
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
-#include "src/mapicall.h"
-#include "src/mapidefaultclient.h"
+#include "src/mapi/mapicall.h"
+#include "src/mapi/mapidefaultclient.h"
 
 namespace {
-
-constexpr int kLibraryNotLoaded = 60;
-constexpr int kFunctionNotFound = 61;
-constexpr int kFirstMapiError = 150; // of the results of the mail client, which are added to it
-constexpr int kNoRecipient = 650;
-constexpr int kNoSubject = 651;
-constexpr int kAttachmentFailure = 659;
-constexpr int kTextFailure = 695;
-constexpr int kMailNotAvailable = 701;
 
 constexpr std::uint64_t kLargestCount = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint32_t kNoPosition = 0xFFFFFFFF; // an attachment beside the text
@@ -31,8 +23,8 @@ constexpr std::uint32_t kNoPosition = 0xFFFFFFFF; // an attachment beside the te
 // A result that no error code can hold counts as a failure without a reason.
 int ErrorOf(MapiResult result)
 {
-    constexpr MapiResult kLargest = std::numeric_limits<std::int32_t>::max() - kFirstMapiError;
-    return kFirstMapiError + static_cast<int>(result > kLargest ? kMapiFailure : result);
+    constexpr MapiResult kLargest = std::numeric_limits<std::int32_t>::max() - codes::kFirstMapiResult;
+    return codes::kFirstMapiResult + static_cast<int>(result > kLargest ? kMapiFailure : result);
 }
 
 // Always false.
@@ -88,7 +80,7 @@ bool CMapiMailService::BindLibrary()
         m_library = m_platform->OpenLibrary("MAPI32.DLL");
     }
     if (m_library <= kLargestFailure) {
-        RaiseError(kLibraryNotLoaded);
+        RaiseError(codes::kMapiNotLoaded);
         Trace(TraceLevel::Normal, "Mapi dll not found");
         return false;
     }
@@ -100,22 +92,22 @@ bool CMapiMailService::BindLibrary()
 
     void* const missing = nullptr;
     if (!Find("MAPILogon", m_functions.logon)) {
-        RaiseError(kFunctionNotFound);
+        RaiseError(codes::kMapiFunctionMissing);
         Trace(TraceLevel::Normal, "Mapi function logon not found %p", missing);
         return false;
     }
     m_functions.logoff = m_platform->FindFunction(m_library, "MAPILogoff");
     if (m_functions.logoff == nullptr) {
         Trace(TraceLevel::Normal, "Mapi function logoff not found %p", missing);
-        return Fail(kFunctionNotFound);
+        return Fail(codes::kMapiFunctionMissing);
     }
     if (!Find("MAPISendMail", m_functions.sendMail)) {
         Trace(TraceLevel::Normal, "Mapi function sendmail not found %p", missing);
-        return Fail(kFunctionNotFound);
+        return Fail(codes::kMapiFunctionMissing);
     }
     if (!Find("MAPIResolveName", m_functions.resolveName)) {
         Trace(TraceLevel::Normal, "Mapi function resolvename not found %p", missing);
-        return Fail(kFunctionNotFound);
+        return Fail(codes::kMapiFunctionMissing);
     }
     Find("MAPIFreeBuffer", m_functions.freeBuffer);
     return true;
@@ -212,7 +204,7 @@ bool CMapiMailService::Send(CMail& mail)
     if (m_state != MapiState::LoggedOn) {
         static constexpr const char* kText = "Mapi Mail not available / inactive.";
         Trace(TraceLevel::Error, "Error: %s", kText);
-        return Fail(kMailNotAvailable, kText);
+        return Fail(codes::kMapiNotAvailable, kText);
     }
     Outgoing outgoing;
     if (!Compose(mail, outgoing)) {
@@ -233,9 +225,9 @@ bool CMapiMailService::Send(CMail& mail)
         Trace(TraceLevel::Normal, "SendMail durch Benutzer abgebrochen");
         return true;
     case kMapiAttachmentNotFound:
-        return Fail(kAttachmentFailure, "At least one attachment file not found.");
+        return Fail(codes::kAttachmentFailure, "At least one attachment file not found.");
     case kMapiAttachmentOpenFailure:
-        return Fail(kAttachmentFailure, "At least one attachment file could not be opened.");
+        return Fail(codes::kAttachmentFailure, "At least one attachment file could not be opened.");
     default:
         return Fail(ErrorOf(result));
     }
@@ -249,7 +241,7 @@ bool CMapiMailService::Compose(CMail& mail, Outgoing& outgoing)
         return false;
     }
     if (mail.GetSubject().IsEmpty() && !outgoing.ShowsDialog()) { // the user may type it there
-        return Fail(kNoSubject);
+        return Fail(codes::kNoSubject);
     }
     outgoing.message.lpszSubject = outgoing.Keep(mail.GetSubject());
     AddSender(mail, outgoing);
@@ -319,7 +311,7 @@ bool CMapiMailService::AddText(CMail& mail, Outgoing& outgoing)
     do {
         count = kBufferSize - 1;
         if (!stream->Read(buffer, count)) {
-            return Fail(kTextFailure, kCannotRead);
+            return Fail(codes::kMailText, kCannotRead);
         }
         if (outgoing.noteText.size() + static_cast<std::size_t>(count) > kLargestCount) {
             return Fail(ErrorOf(kMapiTextTooLarge));
@@ -327,7 +319,7 @@ bool CMapiMailService::AddText(CMail& mail, Outgoing& outgoing)
         outgoing.noteText.append(buffer, static_cast<std::size_t>(count));
     } while (count > 0);
     if (!mail.Text().IsDelivered()) {
-        return Fail(kTextFailure, kCannotRead);
+        return Fail(codes::kMailText, kCannotRead);
     }
     if (outgoing.noteText.find('\0') != std::string::npos) {
         Trace(TraceLevel::Warning, "Warning: The mail text ends at its first zero byte for the mail client.");
@@ -406,7 +398,7 @@ bool CMapiMailService::AddRecipients(const CMail& mail, Outgoing& outgoing)
         }
     }
     if (count == 0 && !outgoing.ShowsDialog()) { // the user may choose them there
-        return Fail(kNoRecipient);
+        return Fail(codes::kNoRecipient);
     }
     outgoing.message.nRecipCount = static_cast<std::uint32_t>(count);
     outgoing.message.lpRecips = outgoing.recipients.data();

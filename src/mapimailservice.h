@@ -9,8 +9,8 @@
 
 #include "src-baselib/privatefile.h"
 #include "src/mailservice.h"
-#include "src/mapiplatform.h"
-#include "src/simplemapi.h"
+#include "src/mapi/mapiplatform.h"
+#include "src/mapi/simplemapi.h"
 
 enum class MapiState : std::int32_t
 {

@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <string_view>
 
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 #include "src/mapimailservice.h"
 
 namespace {
-constexpr int kNotReadableBuffer = 29;
-constexpr int kBufferTooSmall = 47;
 constexpr std::int32_t kSmallestBuffer = 15;
 
 std::string_view StateText(MapiState state)
@@ -27,11 +26,11 @@ std::string_view StateText(MapiState state)
 bool CMailProperty::GetValue(void* buffer, std::int32_t size)
 {
     if (size < kSmallestBuffer) {
-        RaiseError(kBufferTooSmall);
+        RaiseError(codes::kBufferTooSmall);
         return false;
     }
     if (buffer == nullptr) {
-        RaiseError(kNotReadableBuffer);
+        RaiseError(codes::kInvalidArgument);
         return false;
     }
     const auto answer = [=](MapiState state) {
@@ -42,6 +41,15 @@ bool CMailProperty::GetValue(void* buffer, std::int32_t size)
     const CMapiMailService service(m_logonDialog.GetBool() != 0, false);
     answer(service.GetState());
     return true;
+}
+
+void CPasswordProperty::Trace() const
+{
+    if (m_protocol.GetString() == "SUBMISSION" && !IsEmpty()) {
+        ::Trace(TraceLevel::Normal, "Property %s = (set)", GetName().CStr());
+    } else {
+        CStringProperty::Trace();
+    }
 }
 
 bool CMailProperty::SetString(const void* /*value*/)

@@ -24,6 +24,28 @@ private:
     const CBoolProperty& m_logonDialog;
 };
 
+// A setting that came later than the others: shown only where a host uses it.
+class CLaterProperty : public CStringProperty
+{
+public:
+    CLaterProperty(const char* name, CPropertySet& owner) : CStringProperty(name, owner) { ShowWhenSet(); }
+};
+
+// The password: its value is not traced when the delivery path is the one that uses it.
+class CPasswordProperty : public CStringProperty
+{
+public:
+    CPasswordProperty(const char* name, CPropertySet& owner, const CStringProperty& protocol)
+        : CStringProperty(name, owner), m_protocol(protocol)
+    {
+    }
+
+    void Trace() const override;
+
+private:
+    const CStringProperty& m_protocol;
+};
+
 // `List` is the type of the four properties that are lists in the live set only.
 template<class List>
 struct CMailProperties : CPropertySet
@@ -53,7 +75,7 @@ struct CMailProperties : CPropertySet
     CStringProperty mailSubject{"MailSubject", *this};
     CStringProperty mailAdditionalSMTPHeader{"MailAdditionalSMTPHeader", *this};
     CStringProperty mailAuthLogin{"MailAuthLogin", *this};
-    CStringProperty mailAuthPassword{"MailAuthPassword", *this};
+    CPasswordProperty mailAuthPassword{"MailAuthPassword", *this, mailProtocol};
     CStringProperty mailProtocol{"MailProtocol", *this};
     CStringProperty mailServer{"MailServer", *this};
     CStringProperty mailServerPort;
@@ -64,6 +86,10 @@ struct CMailProperties : CPropertySet
     CBoolProperty mailResolveName{"MailResolveName", *this};
     CMailProperty mailAvailable{"MailAvailable", *this, mailLogonDialog};
     CStringProperty mailRecipientCheck{"MailRecipientCheck", *this, "1"};
+    CLaterProperty mailSecurity{"MailSecurity", *this};
+    CLaterProperty mailSecurityCAFile{"MailSecurityCAFile", *this};
+    CLaterProperty mailAuthMechanism{"MailAuthMechanism", *this};
+    CLaterProperty mailCharset{"MailCharset", *this};
 };
 
 struct CLiveMailProperties : CMailProperties<CSeparatedStringProperty>

@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <new>
 
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 
 namespace {
-
-constexpr int kNotEnoughMemory = 10;
-constexpr int kNoRecipient = 650;
 
 struct Kind
 {
@@ -36,7 +34,7 @@ Kind KindOf(RecipientType type, const CLiveMailProperties& properties, CMail& ma
 bool Refuse(const CEString& text, const SourcePlace& where = SourcePlace::Here())
 {
     Trace(TraceLevel::Error, "Error: %s", text.CStr());
-    RaiseError(kNoRecipient, text.CStr(), where);
+    RaiseError(codes::kNoRecipient, text.CStr(), where);
     return false;
 }
 
@@ -48,7 +46,7 @@ bool AddAddress(const Kind& lists, std::int32_t index)
         return true;
     } catch (const std::bad_alloc&) {
         Trace(TraceLevel::Error, "Error: Not enough memory!");
-        RaiseError(kNotEnoughMemory, "Not enough memory!");
+        RaiseError(codes::kNotEnoughMemory, "Not enough memory!");
         return false;
     }
 }

@@ -7,20 +7,12 @@
 #include "src-baselib/cepaths.h"
 #include "src-baselib/iomem.h"
 #include "src-baselib/platform.h"
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 #include "src/numericlocale.h"
 #include "src/recipients.h"
 
 namespace {
-
-constexpr int kNotEnoughMemory = 10;
-constexpr int kNoSubject = 651;
-constexpr int kNoText = 652;
-constexpr int kAttachmentFailure = 659;
-constexpr int kInvalidAddress = 662;
-constexpr int kNoSender = 691;
-constexpr int kTextFailure = 695;
-constexpr int kNotImplemented = 702;
 
 CEString Joined(std::initializer_list<std::string_view> pieces)
 {
@@ -49,7 +41,7 @@ private:
     bool FailJob(int code, const char* text, bool raiseText, const SourcePlace& where = SourcePlace::Here());
 
     void WriteEnvironment(const CEWorkingDir& directory);
-    static void UseNumericLocaleC();
+    void UseNumericLocaleC() const;
     bool Build(CMail& mail);
     bool BuildSender(CMail& mail);
     bool BuildRecipients(CMail& mail);
@@ -130,17 +122,20 @@ void CSendPipeline::WriteEnvironment(const CEWorkingDir& directory)
     m_job.Info("    Subject: %s", m_live.mailSubject.GetCString());
 }
 
-void CSendPipeline::UseNumericLocaleC()
+void CSendPipeline::UseNumericLocaleC() const
 {
-    const CEString current = CurrentLocale(LC_ALL);
+    if (m_frame.Error().IsActive(TraceLevel::Info)) {
+        Trace(TraceLevel::Info, "MAIL: Current locale '%s'", CurrentLocale(LC_ALL).CStr());
+    }
     UseNumericLocale("C");
-    Trace(TraceLevel::Info, "MAIL: Current locale '%s'", current.CStr());
     Trace(TraceLevel::Info, "MAIL: Set locale LC_NUMERIC=\"C\"");
 }
 
 bool CSendPipeline::Build(CMail& mail)
 {
+    mail.SetProtocol(&m_job);
     mail.SetAdditionalHeader(m_live.mailAdditionalSMTPHeader.GetString());
+    mail.SetCharset(m_live.mailCharset.GetString());
     if (!BuildSender(mail) || !BuildRecipients(mail) || !BuildReplyTo(mail) || !BuildSubject(mail) ||
         !BuildAttachments(mail) || !BuildText(mail)) {
         return false;
@@ -152,7 +147,7 @@ bool CSendPipeline::Build(CMail& mail)
 bool CSendPipeline::CheckAddress(const CEString& mailbox, const char* beginning)
 {
     return CMailAddress::IsValidAddress(mailbox) ||
-           FailBoth(kInvalidAddress,
+           FailBoth(codes::kInvalidAddress,
                     Joined({beginning, mailbox.View(), " is not a correct eMail address."}).CStr());
 }
 
@@ -160,8 +155,8 @@ bool CSendPipeline::BuildSender(CMail& mail)
 {
     const CEString& mailbox = m_live.mailSenderMailBox.GetString();
     if (mailbox.IsEmpty()) { // a mail client knows its user
-        return m_service->GetServiceText() != "SMTP" ||
-               FailBoth(kNoSender, "Property 'MailSenderMailBox' has to be set. There is no sender.");
+        return (m_service->GetServiceText() != "SMTP" && m_service->GetServiceText() != "SUBMISSION") ||
+               FailBoth(codes::kNoSender, "Property 'MailSenderMailBox' has to be set. There is no sender.");
     }
     if (!CheckAddress(mailbox, "The eMail address  of the Mail Sender MailBox ")) {
         return false;
@@ -202,7 +197,7 @@ bool CSendPipeline::BuildSubject(CMail& mail)
             "Error: Property 'MailSubject' must not be empty. Your mail may be recognized as spam.";
         m_frame.Error().Error("%s", kLine);
         m_job.Error("%s", kLine);
-        RaiseError(kNoSubject, "Property 'MailSubject' must not be empty.");
+        RaiseError(codes::kNoSubject, "Property 'MailSubject' must not be empty.");
         return false;
     }
     mail.SetSubject(HeaderValue(m_live.mailSubject, m_live.mailSubject.GetString()));
@@ -213,7 +208,9 @@ std::unique_ptr<CMailAttachment> CSendPipeline::MakeAttachment(std::int32_t inde
 {
     auto attachment = std::make_unique<CMailAttachment>();
     const CEString& type = m_live.mailAttachmentMimeType.GetPart(index);
-    attachment->SetMimeType(type.IsEmpty() ? CEString("text/plain")
+    // Without one, the path for today's servers goes by the file's name; the others never did.
+    const char* const otherwise = m_service->GetServiceText() == "SUBMISSION" ? "" : "text/plain";
+    attachment->SetMimeType(type.IsEmpty() ? CEString(otherwise)
                                            : HeaderValue(m_live.mailAttachmentMimeType, type));
     attachment->SetName(
         HeaderValue(m_live.mailAttachmentFilename, m_live.mailAttachmentFilename.GetPart(index)));
@@ -233,7 +230,7 @@ bool CSendPipeline::BuildMemoryAttachments(CMail& mail)
     if (!ParseMemoryBlocks(list.View(), blocks)) {
         const CEString text = Joined({"Error in Attachment Memory Adresses ",
                                       " (Property 'MailAttachmentMemoryAddress'): ", list.View()});
-        return FailJob(kAttachmentFailure, text.CStr(), true);
+        return FailJob(codes::kAttachmentFailure, text.CStr(), true);
     }
     const std::int32_t names = m_live.mailAttachmentFilename.GetPartCount();
     if (blocks.size() != static_cast<std::size_t>(names)) {
@@ -243,7 +240,7 @@ bool CSendPipeline::BuildMemoryAttachments(CMail& mail)
         const CEString text =
             Joined({"Number of attachments in memory ", counts[0].View(), "is not equal to ",
                     "number of names", " (Property 'MailAttachmentFilename'): ", counts[1].View()});
-        return FailJob(kAttachmentFailure, text.CStr(), true);
+        return FailJob(codes::kAttachmentFailure, text.CStr(), true);
     }
     for (std::int32_t i = 0; i < names; ++i) {
         const MemoryBlock& block = blocks[static_cast<std::size_t>(i)];
@@ -267,7 +264,7 @@ bool CSendPipeline::BuildFileAttachments(CMail& mail)
         if (!attachment->CheckFile()) {
             const CEString text =
                 Joined({"Cannot open file ", " (Property 'MailAttachmentFilename'): ", name.View()});
-            return FailJob(kAttachmentFailure, text.CStr(), true);
+            return FailJob(codes::kAttachmentFailure, text.CStr(), true);
         }
         mail.Attachments().Add(std::move(attachment));
     }
@@ -281,7 +278,7 @@ bool CSendPipeline::BuildText(CMail& mail)
         std::vector<MemoryBlock> blocks;
         mail.Text().SetMemory(memory);
         return (ParseMemoryBlocks(memory.View(), blocks) && !blocks.empty()) ||
-               FailJob(kTextFailure,
+               FailJob(codes::kMailText,
                        Joined({"Error in Mail Text Memory Adresses ",
                                " (Property 'MailTextMemoryAddress'): ", memory.View()})
                            .CStr(),
@@ -291,7 +288,7 @@ bool CSendPipeline::BuildText(CMail& mail)
     if (!file.IsEmpty()) {
         mail.Text().SetFileName(file);
         return mail.Text().CheckFile() ||
-               FailJob(kTextFailure,
+               FailJob(codes::kMailText,
                        Joined({"Cannot open file ", " (Property 'MailTextFilename'): ", file.View()}).CStr(),
                        false);
     }
@@ -299,7 +296,7 @@ bool CSendPipeline::BuildText(CMail& mail)
         "Error: Mail contains no text. Property 'MailTextFilename' and 'MailTextMemoryAddress' not set.";
     m_frame.Error().Error("%s", kLine);
     m_job.Error("%s", kLine);
-    RaiseError(kNoText,
+    RaiseError(codes::kNoText,
                "Mail contains no text. Properties 'MailTextFilename' and 'MailTextMemoryAddress' not set.");
     return false;
 }
@@ -319,7 +316,7 @@ bool CSendPipeline::BuildBulkMail(CMail& mail)
 {
     const std::int32_t bulk = m_live.useBulkMail.GetBool();
     if (bulk != 0 && m_service->GetServiceText() == "MAPI") {
-        return FailBoth(kNotImplemented, "BulkMail function for MAPI Protocol is not implemented.");
+        return FailBoth(codes::kNotImplemented, "BulkMail function for MAPI Protocol is not implemented.");
     }
     mail.SetMessagePerRecipient(bulk);
     return true;
@@ -330,18 +327,21 @@ void CSendPipeline::RejectMissingService()
     static constexpr const char* kLine = "Error: Not enough memory. Mail service not found.";
     m_frame.Error().Error("%s", kLine);
     m_job.Error("%s", kLine);
-    RaiseError(kNotEnoughMemory, "Not enough memory.");
+    RaiseError(codes::kNotEnoughMemory, "Not enough memory.");
 }
 
 int CSendPipeline::Deliver(CMail& mail)
 {
     const int result = m_service->Send(mail) ? 1 : 0;
+    if (result == 0 && m_service->TellsAtOnce()) {
+        m_frame.Fail();
+    }
     try {
         ReportResult(result);
     } catch (const std::bad_alloc&) {
         // What became of the mail is known: it must not turn into a failure for want of a line.
     }
-    return result; // a failed delivery's code stays pending: the next working call reports it
+    return result; // on the old paths a failed delivery's code stays pending: the next working call tells it
 }
 
 void CSendPipeline::ReportResult(int result)
@@ -372,7 +372,7 @@ int RunSend(CCallFrame& frame)
         return 0;
     }
     CTraceFile job("VEL mail Protokollierung", frame.Mail().Live().mailTraceFilename.GetCString(),
-                   CTraceFile::kBuiltInVariable, platform::CurrentThreadId());
+                   CTraceFile::kBuiltInVariable, frame.Error().GetThreadId());
     job.EnsureWritable(); // one that cannot be written leaves its error pending, which ends the send below
     job.Info("New Protocoll is open:");
     if (frame.RejectPending(&job)) {

@@ -1,14 +1,15 @@
-// One message of an SMTP session: a thin, error-reporting layer over libESMTP's message with its header
-// fields and recipients. Owned by its session; the libESMTP message belongs to the libESMTP session.
+// One message of an SMTP session: a thin, error-reporting layer over the transport's message with its header
+// fields and recipients. Owned by its session; that one belongs to the transport's session.
 #pragma once
 
 #include <cstdint>
 
 #include "src-baselib/cestring.h"
-#include "src/libesmtp.h"
+#include "src/transport/libesmtp.h"
+#include "src/transport/transportcall.h"
 
 class CMail;
-class CSMTPMailSession;
+class CMessageFeed;
 
 enum class RecipientType : std::int32_t
 {
@@ -28,31 +29,44 @@ enum class Delivery : std::int32_t
 class CSMTPMailMessage
 {
 public:
-    CSMTPMailMessage(smtp_message_t message, CMail& job, smtp_messagecb_t callback,
-                     CSMTPMailSession& session);
+    // `job` and `feed` are not owned; `callback` gets this object as its argument.
+    CSMTPMailMessage(smtp_message_t message, CMail& job, smtp_messagecb_t callback, CMessageFeed& feed);
     CSMTPMailMessage(const CSMTPMailMessage&) = delete;
     CSMTPMailMessage& operator=(const CSMTPMailMessage&) = delete;
     virtual ~CSMTPMailMessage() = default;
 
+    // Sets a header field; `values` are those of smtp_set_header. Throws std::bad_alloc when it is not set.
+    template<class... Values>
+    void SetField(const char* name, Values... values)
+    {
+        if (CallTransport(smtp_set_header, m_message, name, values...) == 0) {
+            throw std::bad_alloc();
+        }
+        ++m_fieldCount;
+    }
+    // How many header fields the transport has to write.
+    [[nodiscard]] int GetFieldCount() const { return m_fieldCount; }
     // Adds one envelope recipient. Refuses, with the type's error, a mailbox that is empty, has a control
     // character or is longer than a command line takes: it would spoil the dialogue.
+    // Throws std::bad_alloc without memory.
     bool AddRecipient(RecipientType type, const CEString& mailbox);
-    // Sets the To, Cc or Bcc header field to a prepared address list.
+    // Sets the To, Cc or Bcc header field to a prepared address list. Throws std::bad_alloc without memory.
     bool SetRecipientHeader(RecipientType type, const CEString& text);
 
     // What became of the message in the session that ended just now. Each refusal is a warning in the trace.
     [[nodiscard]] Delivery Settle() const;
-    // The job ends: its text is not read again, whatever libESMTP asks for.
+    // Its text for the transport, as the message callback gives it: the next chunk with its length, or the
+    // beginning anew for a null `length`.
+    const char* GiveText(int* length);
+    // The job ends: its text is not read again, whatever the transport asks for.
     void ForgetJob() { m_job = nullptr; }
 
     [[nodiscard]] smtp_message_t Get() const { return m_message; }
 
 private:
-    static const char* Feed(void** context, int* length, void* argument);
-
     smtp_message_t m_message;
     smtp_recipient_t m_lastRecipient = nullptr;
-    CMail* m_job; // not owned; null when its send has ended
-    smtp_messagecb_t m_callback;
-    CSMTPMailSession& m_session;
+    CMail* m_job;         // not owned; null when its send has ended
+    int m_fieldCount = 2; // Date is the transport's own, Content-Type comes with the composed text
+    CMessageFeed& m_feed;
 };

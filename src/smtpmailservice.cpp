@@ -1,28 +1,241 @@
 #include "src/smtpmailservice.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <random>
+#include <charconv>
+#include <iterator>
 
 #include "src-baselib/cepaths.h"
-#include "src-baselib/neverdestroyed.h"
+#include "src-baselib/drawnonce.h"
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
-#include "src/composition.h"
 #include "src/iofilter.h"
-#include "src/transportlibrary.h"
+#include "src/transport/transportlibrary.h"
+#include "src/transport/transporttrace.h"
 
 namespace {
 
-constexpr int kMailTextError = 695;
-constexpr int kAttachmentError = 696;
-constexpr int kSessionError = 697;
-constexpr int kInternalError = 699;
 constexpr const char* kCannotRead = "ERROR while reading from file.";
 
-const CEString& FirstSet(const CEString& first, const CEString& second, const CEString& last)
+// Composes the multipart/mixed text of a job into the room that it is given: each call fills it with what the
+// streams have, up to a rest too small for a line.
+class CMimeComposer : public CMessageSource
 {
-    return !first.IsEmpty() ? first : !second.IsEmpty() ? second : last;
+public:
+    void Begin(CMail& job) override;
+    Pulled Next(char* room, std::int32_t size) override;
+
+private:
+    enum class Phase : std::uint8_t
+    {
+        Head,
+        Text,
+        Attachment, // its beginning
+        Lines,      // of the attachment
+        LastBoundary,
+        Complete
+    };
+    // What is left of the room.
+    struct Room
+    {
+        char* place;
+        std::int32_t left;
+
+        void Use(std::int32_t count)
+        {
+            place += count;
+            left -= count;
+        }
+    };
+
+    void ComposeHead(Room& room);
+    void ComposeText(Room& room);
+    void BeginAttachment(Room& room);
+    void ComposeLines(Room& room);
+    void EndAttachment(Room& room);
+    void PutHeader(Room& room, const CMailAttachment& attachment, std::string_view line);
+    void Put(Room& room, std::initializer_list<std::string_view> pieces);
+    bool PutOut(Room& room);
+    void Fail(int code, const char* text, const SourcePlace& where = SourcePlace::Here());
+
+    CMail* m_job = nullptr; // not owned; valid while its message is pulled
+    Phase m_phase = Phase::Head;
+    bool m_failed = false;
+    CEString m_boundary;
+    CEString m_text;                      // short texts that did not fit, which go out first
+    std::size_t m_textSent = 0;           // of them
+    CrLfFilterIo* m_textStream = nullptr; // the job's
+    std::int32_t m_attachment = 0;        // index of the current one
+    CBase64FilterIo m_lines;              // over its stream
+};
+
+void CMimeComposer::Begin(CMail& job)
+{
+    m_job = &job;
+    m_phase = Phase::Head;
+    m_failed = false;
+    m_text.Assign("");
+    m_textSent = 0;
+    m_attachment = 0;
+}
+
+Pulled CMimeComposer::Next(char* room, std::int32_t size)
+{
+    Room rest = {room, size};
+    while (!m_failed && m_phase != Phase::Complete && rest.left >= CBase64FilterIo::kOneLine &&
+           PutOut(rest)) {
+        switch (m_phase) {
+        case Phase::Head:
+            ComposeHead(rest);
+            break;
+        case Phase::Text:
+            ComposeText(rest);
+            break;
+        case Phase::Attachment:
+            BeginAttachment(rest);
+            break;
+        case Phase::Lines:
+            ComposeLines(rest);
+            break;
+        default:
+            m_phase = Phase::Complete;
+        }
+    }
+    const PullState state = m_failed                     ? PullState::Failed
+                            : m_phase == Phase::Complete ? PullState::End
+                                                         : PullState::More;
+    return {size - rest.left, state};
+}
+
+// Gives out the short texts. False when the room is full before they are.
+bool CMimeComposer::PutOut(Room& room)
+{
+    const std::string_view rest = m_text.View().substr(m_textSent);
+    const std::size_t count = std::min(rest.size(), static_cast<std::size_t>(room.left));
+    std::copy_n(rest.data(), count, room.place);
+    room.Use(static_cast<std::int32_t>(count));
+    m_textSent += count;
+    if (count < rest.size()) {
+        return false;
+    }
+    m_text.Assign("");
+    m_textSent = 0;
+    return room.left >= CBase64FilterIo::kOneLine;
+}
+
+void CMimeComposer::Fail(int code, const char* text, const SourcePlace& where)
+{
+    m_failed = true;
+    Trace(TraceLevel::Error, "%s", text);
+    RaiseError(code, text, where);
+}
+
+// Short texts go where they go out from, as far as they fit.
+void CMimeComposer::Put(Room& room, std::initializer_list<std::string_view> pieces)
+{
+    for (const std::string_view piece : pieces) {
+        if (m_text.IsEmpty() && piece.size() <= static_cast<std::size_t>(room.left)) {
+            std::copy(piece.begin(), piece.end(), room.place);
+            room.Use(static_cast<std::int32_t>(piece.size()));
+        } else {
+            m_text.Append(piece);
+        }
+    }
+}
+
+void CMimeComposer::ComposeHead(Room& room)
+{
+    // One boundary for the life of the loaded library; drawn, so that it tells nothing of its address space.
+    static constinit CDrawnOnce drawn;
+    char number[16];
+    const auto* const end =
+        std::to_chars(std::begin(number), std::end(number), drawn.Get() & 0x7FFFFFFFU).ptr;
+    m_boundary = "velmail";
+    m_boundary.Append(std::string_view(number, static_cast<std::size_t>(end - number)));
+    const std::string_view boundary = m_boundary.View();
+    const std::string_view type = m_job->Text().GetContentType().View();
+    const bool hasCharset = type.find("charset") != std::string_view::npos;
+    Put(room, {"Content-Type: multipart/mixed;boundary=\"", boundary,
+               "\"\r\n\r\nMIME-Version: 1.0\r\n--", // that field stands in the preamble on purpose
+               boundary, "\r\nContent-Type: ", type, hasCharset ? "\r\n" : "; charset=ISO-8859-1\r\n",
+               "Content-Transfer-Encoding: 8bit\r\n\r\n"});
+    m_textStream = m_job->Text().OpenStream();
+    m_phase = Phase::Text;
+    if (m_textStream == nullptr) {
+        Fail(codes::kInternal, "ERROR: Internal Program Error.");
+    }
+}
+
+void CMimeComposer::ComposeText(Room& room)
+{
+    std::int32_t count = room.left;
+    if (!m_textStream->ReadText(room.place, count)) {
+        Fail(codes::kMailText, kCannotRead);
+        return;
+    }
+    room.Use(count);
+    if (count > 0) {
+        return;
+    }
+    if (!m_job->Text().IsDelivered()) {
+        Fail(codes::kMailText, kCannotRead);
+        return;
+    }
+    Put(room, {"\r\n"});
+    m_phase = Phase::Attachment;
+}
+
+void CMimeComposer::PutHeader(Room& room, const CMailAttachment& attachment, std::string_view line)
+{
+    const std::string_view name = FileNamePart(attachment.GetName().View());
+    Put(room, {"--", m_boundary.View(), "\r\nContent-Type: ", attachment.GetMimeType().View(), "; name=\"",
+               name, "\"\r\nContent-Transfer-Encoding: base64\r\nContent-Disposition: inline; filename=\"",
+               name, "\"\r\n\r\n", line});
+}
+
+void CMimeComposer::BeginAttachment(Room& room)
+{
+    if (m_attachment == m_job->Attachments().GetCount()) {
+        Put(room, {"--", m_boundary.View(), "--\r\n"});
+        m_phase = Phase::LastBoundary;
+        return;
+    }
+    CMailAttachment& attachment = *m_job->Attachments().At(m_attachment);
+    IOElement* const stream = attachment.OpenStream();
+    if (stream == nullptr) {
+        Fail(codes::kAttachment, kCannotRead);
+        return;
+    }
+    m_lines.SetInner(stream);
+    char line[CBase64FilterIo::kOneLine]; // only an attachment that has one has a header
+    std::int32_t count = CBase64FilterIo::kLineCapacity;
+    m_lines.Read(line, count);
+    if (count == 0) {
+        EndAttachment(room);
+        return;
+    }
+    PutHeader(room, attachment, {line, static_cast<std::size_t>(count)});
+    m_phase = Phase::Lines;
+}
+
+void CMimeComposer::ComposeLines(Room& room)
+{
+    std::int32_t count = room.left;
+    m_lines.ReadLines(room.place, count);
+    room.Use(count);
+    if (count == 0) {
+        EndAttachment(room);
+    }
+}
+
+void CMimeComposer::EndAttachment(Room& room)
+{
+    if (!m_job->Attachments().At(m_attachment)->IsDelivered()) {
+        Fail(codes::kAttachment, kCannotRead);
+        return;
+    }
+    ++m_attachment;
+    Put(room, {"\r\n"}); // for an attachment without a byte this is all
+    m_phase = Phase::Attachment;
 }
 
 void AppendAddress(CEString& list, const CMailAddress& address)
@@ -59,27 +272,15 @@ bool CSMTPMailService::Connect(const CMailConnectionInfo& info)
     if (!LoadTransport(reason)) {
         CEString text("Failed to create an SMTP session! The library libESMTP could not be loaded: ");
         text.Append(reason.View());
-        RaiseError(kSessionError, text.CStr());
+        RaiseError(codes::kSession, text.CStr());
         return false;
     }
-    m_session = std::make_unique<CSMTPMailSession>();
+    m_session = std::make_unique<CSMTPMailSession>(std::make_unique<CMimeComposer>());
     SetTransportTrace(TraceSink);
-    struct Undo // a session that is not aimed at its server must not be sent through
-    {
-        CSMTPMailSession* session;
-        ~Undo()
-        {
-            if (session != nullptr) {
-                session->Destroy();
-            }
-        }
-    } undo = {m_session.get()};
-    if (!m_session->Create() ||
-        !m_session->SetServer(FirstSet(info.server, m_session->GetHost(), "localhost"),
-                              FirstSet(info.port, m_session->GetPort(), "25"))) {
+    if (!m_session->Create(info)) {
+        m_session->Destroy(); // one that is not aimed at its server must not be sent through
         return false;
     }
-    undo.session = nullptr;
     return true;
 }
 
@@ -90,13 +291,15 @@ bool CSMTPMailService::PrepareMessage(CMail& mail, std::int32_t recipient)
         return false;
     }
     const CMailAddress& sender = mail.Sender();
-    smtp_set_header(message->Get(), "From", sender.GetFullName().CStr(), sender.GetMailbox().CStr());
-    smtp_set_reverse_path(message->Get(), sender.GetMailbox().CStr());
+    message->SetField("From", sender.GetFullName().CStr(), sender.GetMailbox().CStr());
+    CallTransport(smtp_set_reverse_path, message->Get(), sender.GetMailbox().CStr());
 
-    // libESMTP leaves Content-* to the composed text and refuses these two; what it shows is its own rule.
+    // The transport leaves Content-* to the composed text and refuses these two; what it shows is its own
+    // rule.
     const CEString& type = mail.Text().GetContentType();
-    smtp_set_header(message->Get(), "Content-Type", type.IsEmpty() ? "text/plain" : type.CStr());
-    smtp_set_header_option(message->Get(), "Content-Type", Hdr_OVERRIDE, 1);
+    CallTransport(smtp_set_header, message->Get(), "Content-Type",
+                  type.IsEmpty() ? "text/plain" : type.CStr());
+    CallTransport(smtp_set_header_option, message->Get(), "Content-Type", Hdr_OVERRIDE, 1);
 
     const bool one = mail.IsMessagePerRecipient();
     AddRecipients(*message, RecipientType::To, mail.To(), one ? recipient : 0,
@@ -106,8 +309,7 @@ bool CSMTPMailService::PrepareMessage(CMail& mail, std::int32_t recipient)
 
     const CMailAddress& replyTo = mail.ReplyTo();
     if (!replyTo.GetMailbox().IsEmpty()) {
-        smtp_set_header(message->Get(), "Reply-To", replyTo.GetFullName().CStr(),
-                        replyTo.GetMailbox().CStr());
+        message->SetField("Reply-To", replyTo.GetFullName().CStr(), replyTo.GetMailbox().CStr());
     }
     return true;
 }
@@ -149,207 +351,4 @@ bool CSMTPMailService::Disconnect()
 {
     m_session.reset();
     return true;
-}
-
-namespace {
-
-// One boundary for the life of the loaded library; drawn, so that it tells nothing of its address space.
-const CEString& Boundary()
-{
-    struct Drawn : CEString
-    {
-        Drawn() { Format("velmail%d", static_cast<int>(std::random_device()() & 0x7FFFFFFFU)); }
-    };
-    static CNeverDestroyed<Drawn> boundary;
-    return boundary.Get();
-}
-
-// The end of a message that cannot be completed: libESMTP drops the connection on an errno other than 0, so
-// that nothing cut short is delivered.
-const char* FailComposition(CompositionState& state, int code, const char* text,
-                            const SourcePlace& where = SourcePlace::Here())
-{
-    state.failed = true;
-    Trace(TraceLevel::Error, "%s", text);
-    RaiseError(code, text, where);
-    errno = EIO;
-    return nullptr;
-}
-
-const char* GiveOut(CompositionState& state, int& length, int count)
-{
-    length = count;
-    errno = 0;
-    return state.buffer;
-}
-
-// Gives out `text`, in as many chunks as it takes.
-const char* GiveOutText(CompositionState& state, int& length, std::string_view text)
-{
-    const std::size_t count = std::min<std::size_t>(text.size(), CompositionState::kCapacity);
-    std::copy_n(text.data(), count, state.buffer);
-    CEString rest(text.substr(count)); // `text` may be the overflow itself
-    state.overflow = std::move(rest);
-    return GiveOut(state, length, static_cast<int>(count));
-}
-
-CEString MessageHead(const CompositionState& state)
-{
-    const CEString& type = state.job->Text().GetContentType();
-    const bool hasCharset = type.View().find("charset") != std::string_view::npos;
-    CEString head("Content-Type: multipart/mixed;boundary=\"");
-    head.Append(state.boundary.View());
-    head.Append("\"\r\n\r\nMIME-Version: 1.0\r\n--"); // that field stands in the preamble on purpose
-    head.Append(state.boundary.View());
-    head.Append("\r\nContent-Type: ");
-    head.Append(type.View());
-    head.Append(hasCharset ? "\r\n" : "; charset=ISO-8859-1\r\n");
-    head.Append("Content-Transfer-Encoding: 8bit\r\n\r\n");
-    return head;
-}
-
-CEString PartHeader(const CompositionState& state, const CMailAttachment& attachment)
-{
-    const std::string_view name = FileNamePart(attachment.GetName().View());
-    CEString header("--");
-    header.Append(state.boundary.View());
-    header.Append("\r\nContent-Type: ");
-    header.Append(attachment.GetMimeType().View());
-    header.Append("; name=\"");
-    header.Append(name);
-    header.Append("\"\r\nContent-Transfer-Encoding: base64\r\nContent-Disposition: inline; filename=\"");
-    header.Append(name);
-    header.Append("\"\r\n\r\n");
-    return header;
-}
-
-const char* ComposeHead(CompositionState& state, int& length, CMail* job)
-{
-    state.job = job;
-    state.attachmentCount = job->Attachments().GetCount();
-    state.attachmentIndex = 0;
-    state.attachmentHeaderSent = false;
-    state.boundary = Boundary();
-    const CEString head = MessageHead(state);
-    state.textStream = job->Text().OpenStream();
-    if (state.textStream == nullptr) {
-        return FailComposition(state, kInternalError, "ERROR: Internal Program Error.");
-    }
-    state.phase = CompositionPhase::Text;
-    const auto used =
-        static_cast<std::int32_t>(std::min<std::size_t>(head.GetLength(), CompositionState::kCapacity));
-    if (head.GetLength() > static_cast<std::size_t>(used)) {
-        return GiveOutText(state, length, head.View());
-    }
-    std::memcpy(state.buffer, head.CStr(), head.GetLength());
-    std::int32_t count = CompositionState::kCapacity - used;
-    if (!state.textStream->Read(state.buffer + used, count)) {
-        return FailComposition(state, kMailTextError, kCannotRead);
-    }
-    return GiveOut(state, length, used + count);
-}
-
-const char* ComposeText(CompositionState& state, int& length)
-{
-    std::int32_t count = CompositionState::kCapacity;
-    if (!state.textStream->Read(state.buffer, count)) {
-        return FailComposition(state, kMailTextError, kCannotRead);
-    }
-    if (count > 0) {
-        return GiveOut(state, length, count);
-    }
-    if (!state.job->Text().IsDelivered()) {
-        return FailComposition(state, kMailTextError, kCannotRead);
-    }
-    state.phase = CompositionPhase::Attachments;
-    return GiveOutText(state, length, "\r\n");
-}
-
-const char* ComposeAttachment(CompositionState& state, int& length)
-{
-    CMailAttachment& attachment = *state.job->Attachments().At(state.attachmentIndex);
-    if (!state.attachmentHeaderSent && state.attachmentStream == nullptr) {
-        state.attachmentStream = attachment.OpenStream();
-        state.attachmentLines.SetInner(state.attachmentStream);
-    }
-    if (state.attachmentStream == nullptr) {
-        return FailComposition(state, kAttachmentError, kCannotRead);
-    }
-    // The line is written where it is given out from; only the first one still needs its header in front.
-    std::int32_t count = state.attachmentHeaderSent ? state.lineRoom : CompositionState::kOneLine;
-    state.attachmentLines.ReadLines(state.buffer, count);
-    if (count > 0 && state.attachmentHeaderSent) {
-        return GiveOut(state, length, count);
-    }
-    if (count > 0) {
-        CEString chunk = PartHeader(state, attachment);
-        chunk.Append(std::string_view(state.buffer, static_cast<std::size_t>(count)));
-        state.attachmentHeaderSent = true;
-        return GiveOutText(state, length, chunk.View());
-    }
-    if (!attachment.IsDelivered()) {
-        return FailComposition(state, kAttachmentError, kCannotRead);
-    }
-    ++state.attachmentIndex;
-    state.attachmentHeaderSent = false;
-    state.attachmentStream = nullptr;
-    return GiveOutText(state, length, "\r\n"); // for an attachment without a byte this is all
-}
-
-const char* ComposeEnd(CompositionState& state, int& length)
-{
-    if (state.attachmentIndex > state.attachmentCount) {
-        length = 0;
-        errno = 0;
-        return nullptr;
-    }
-    ++state.attachmentIndex;
-    CEString last("--");
-    last.Append(state.boundary.View());
-    last.Append("--\r\n");
-    return GiveOutText(state, length, last.View());
-}
-
-const char* ComposeNext(CompositionState& state, int& length, CMail* job)
-{
-    if (state.failed) {
-        errno = EIO;
-        return nullptr;
-    }
-    if (!state.overflow.IsEmpty()) {
-        return GiveOutText(state, length, state.overflow.View());
-    }
-    switch (state.phase) {
-    case CompositionPhase::NotStarted:
-        return ComposeHead(state, length, job);
-    case CompositionPhase::Text:
-        return ComposeText(state, length);
-    case CompositionPhase::Attachments:
-        break;
-    }
-    return state.attachmentIndex < state.attachmentCount ? ComposeAttachment(state, length)
-                                                         : ComposeEnd(state, length);
-}
-
-} // namespace
-
-const char* ComposeMessageChunk(void** context, int* length, void* job)
-{
-    *context = nullptr;
-    ThreadComposition* const composition = CurrentComposition();
-    if (composition == nullptr || job == nullptr) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    CompositionState& state = composition->message;
-    if (length == nullptr) {
-        state.phase = CompositionPhase::NotStarted;
-        state.failed = false;
-        state.attachmentStream = nullptr;
-        state.overflow.Clear();
-        errno = 0;
-        return nullptr;
-    }
-    *length = 0;
-    return ComposeNext(state, *length, static_cast<CMail*>(job));
 }

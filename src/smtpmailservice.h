@@ -28,8 +28,3 @@ private:
     std::unique_ptr<CSMTPMailSession> m_session; // null until connect
     CEString m_name = "SMTP";
 };
-
-// The message callback in libESMTP's form: `job` is the CMail to compose. Gives the next chunk of the calling
-// thread's message, of at most CompositionState::kCapacity bytes, valid until the next call; null at its end,
-// with errno 0, or when composition failed, with another errno. A null `length` begins the message anew.
-const char* ComposeMessageChunk(void** context, int* length, void* job);

@@ -1,34 +1,31 @@
 #include "src/smtpmailsession.h"
 
 #include <atomic>
-#include <cerrno>
-#include <cinttypes>
+#include <cstdarg>
+#include <cstdlib>
 #include <cstring>
-#include <random>
 
 #include "src-baselib/platform.h"
+#include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
-#include "src/composition.h"
-#include "src/smtpmailservice.h"
-#include "src/transportlibrary.h"
+#include "src/messageid.h"
+#include "src/transport/sockettexts.h"
+#include "src/transport/transportlibrary.h"
+#include "src/transport/transporttrace.h"
+#include "version.h"
 
 namespace {
 
-constexpr int kCodeBase = 661;
-constexpr int kDroppedConnection = 664;
-constexpr int kErrorNotKnown = 682;
-constexpr int kSessionError = 697;
-constexpr int kMessageError = 698;
 constexpr int kFirstNumber = 2; // of the error numbers that have a code of their own
 constexpr int kLastNumber = 20;
 constexpr int kFirstBrokenNumber = 4;
-// Delivered messages stay in the libESMTP session, which walks through all of them at each send. A host that
-// connects once and sends for days must not grow by them.
+// Delivered messages stay in the transport's session, which walks through all of them at each send. A host
+// that connects once and sends for days must not grow by them.
 constexpr std::int32_t kMostMessages = 100;
 constexpr const char* kNoSession = "Failed to create an SMTP session! Possibly ran out of memory!";
 
-// Nothing clears libESMTP's error number. A refused argument sets it to this one, which no dialogue sets:
-// what is found there afterwards, and differs, belongs to the session.
+// Nothing clears the transport's error number. A refused argument sets it to this one, which no dialogue
+// sets: what is found there afterwards, and differs, belongs to the session.
 constexpr int kMarkedNumber = SMTP_ERR_INVAL;
 
 void MarkErrorNumber()
@@ -42,34 +39,13 @@ int SessionErrorNumber()
     return number == kMarkedNumber ? 0 : number;
 }
 
-// Drawn once, since drawing costs more than all else of a small mail on some machines.
-std::uint64_t Draw()
+// A numeric port that is none. The resolver would take it modulo 65536, which may be somebody else's.
+bool IsOutOfRange(const CEString& port)
 {
-    std::random_device random;
-    return static_cast<std::uint64_t>(random()) << 32U | random();
-}
-
-// libESMTP's own Message-Ids, made of the time and the process, are equal for threads that send at once, and
-// a receiver takes the second of two equal ones for a copy. The number drawn tells hosts apart, the process
-// id what was forked after it was drawn, the counter the mails of all threads, and the time one life of a
-// machine from the next that draws the same.
-CEString MakeMessageId()
-{
-    static const std::uint64_t drawn = Draw();
-    static std::atomic<std::uint32_t> counter = 0;
-    const platform::ClockTime now = platform::GetClockTime();
-    CEString id;
-    id.Format("velmail.%016" PRIx64 ".%08x%08x.%08x@%s", drawn ^ platform::CurrentProcessId(), now.seconds,
-              now.nanoseconds, ++counter, platform::HostName().CStr());
-    return id;
-}
-
-template<class... Arguments>
-void TraceTransport(const char* format, Arguments... arguments)
-{
-    if (const TransportTrace trace = GetTransportTrace()) {
-        trace(format, arguments...);
-    }
+    constexpr long kLargest = 65535;
+    char* end = nullptr;
+    const long number = std::strtol(port.CStr(), &end, 10);
+    return end != port.CStr() && *end == '\0' && (number < 1 || number > kLargest);
 }
 
 bool Fail(int code, const SourcePlace& where = SourcePlace::Here())
@@ -85,7 +61,7 @@ bool Fail(int code, const SourcePlace& where = SourcePlace::Here())
 
 int StartErrorCode(int number)
 {
-    return number >= kFirstNumber && number <= kLastNumber ? kCodeBase + number : kErrorNotKnown;
+    return number >= kFirstNumber && number <= kLastNumber ? codes::kTransportBase + number : codes::kUnknown;
 }
 
 int TestAuthCallback(auth_client_request_t /*request*/, char** result, int fields, void* /*argument*/)
@@ -103,28 +79,30 @@ int TestAuthCallback(auth_client_request_t /*request*/, char** result, int field
 
 const char* WholeTextCallback(void** context, int* length, void* text)
 {
+    static std::atomic<bool> sent = false;
     *context = nullptr;
-    ThreadComposition* const composition = CurrentComposition();
-    if (composition == nullptr) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    WholeTextState& state = composition->wholeText;
-    errno = 0;
     if (length == nullptr) {
-        state.sent = false;
-        return nullptr;
+        sent = false;
+        return TellTransport(nullptr);
     }
     const auto* const whole = static_cast<const char*>(text);
-    state.length = state.sent ? 0 : static_cast<int>(std::strlen(whole));
-    state.sent = true;
-    *length = state.length;
-    return whole;
+    *length = sent.exchange(true) ? 0 : static_cast<int>(std::strlen(whole));
+    return TellTransport(whole);
 }
 
-CSMTPMailSession::CSMTPMailSession()
-    : m_feed(platform::MonotonicMilliseconds), m_messageCallback(WholeTextCallback)
+const char* ComposeMessageChunk(void** context, int* length, void* message)
 {
+    *context = nullptr;
+    return static_cast<CSMTPMailMessage*>(message)->GiveText(length);
+}
+
+CSMTPMailSession::CSMTPMailSession(std::unique_ptr<CMessageSource> composer)
+    : m_composer(std::move(composer)),
+      m_feed(*m_composer, m_monitor, m_socket, platform::MonotonicMilliseconds),
+      m_messageCallback(WholeTextCallback)
+{
+    m_info.server = "localhost";
+    m_info.port = "25";
 }
 
 CSMTPMailSession::~CSMTPMailSession()
@@ -132,37 +110,50 @@ CSMTPMailSession::~CSMTPMailSession()
     Destroy();
 }
 
-bool CSMTPMailSession::Create()
+bool CSMTPMailSession::Create(const CMailConnectionInfo& info)
 {
-    smtp_errno(); // makes its per-thread state while there is memory: it does not check for it
-    m_session = smtp_create_session();
+    const CMailConnectionInfo present = m_info;
+    m_info = info;
+    m_info.server = info.server.IsEmpty() ? present.server : info.server;
+    m_info.port = info.port.IsEmpty() ? present.port : info.port;
+    return Open();
+}
+
+bool CSMTPMailSession::Open()
+{
+    constexpr std::size_t kErrorState = 2 * sizeof(int);
+    if (platform::HasMemory(kErrorState)) {
+        smtp_errno(); // makes its per-thread state, and ends the process where it cannot
+        m_session = smtp_create_session();
+    }
     if (m_session == nullptr) {
-        RaiseError(kSessionError, kNoSession);
+        RaiseError(codes::kSession, kNoSession);
         return false;
     }
-    smtp_set_eventcb(m_session, &CSMTPMailSession::OnEvent, this);
-    if (!SetServer(m_host, m_port)) {
+    m_hostName = platform::HostName();
+    if (!SetServer()) {
         return false;
     }
     m_authContext = auth_create_context();
-    if (m_authContext != nullptr) {
-        auth_set_mechanism_flags(m_authContext, AUTH_PLUGIN_PLAIN, 0);
-        auth_set_interact_cb(m_authContext, TestAuthCallback, nullptr);
+    if (smtp_set_hostname(m_session, m_hostName.CStr()) == 0 || m_authContext == nullptr ||
+        auth_set_mechanism_flags(m_authContext, AUTH_PLUGIN_PLAIN, 0) == 0 ||
+        auth_set_interact_cb(m_authContext, TestAuthCallback, nullptr) == 0) {
+        RaiseError(codes::kSession, kNoSession);
+        return false;
     }
     return true;
 }
 
-bool CSMTPMailSession::SetServer(const CEString& host, const CEString& port)
+// Always with a port, also where the host's text has one.
+bool CSMTPMailSession::SetServer()
 {
-    CEString server(host.View());
+    CEString server(m_info.server.View());
     server.Append(":");
-    server.Append(port.View());
+    server.Append(m_info.port.View());
     if (smtp_set_server(m_session, server.CStr()) == 0) {
-        RaiseError(kSessionError, kNoSession);
+        RaiseError(codes::kSession, kNoSession);
         return false;
     }
-    m_host = host;
-    m_port = port;
     return true;
 }
 
@@ -182,6 +173,7 @@ void CSMTPMailSession::Destroy()
     }
     m_firstOfSend = 0;
     m_mustRenew = false;
+    m_wasStarted = false;
 }
 
 CSMTPMailMessage* CSMTPMailSession::AddMessage(const CEString& subject, CMail& job)
@@ -192,28 +184,24 @@ CSMTPMailMessage* CSMTPMailSession::AddMessage(const CEString& subject, CMail& j
     }
     smtp_message* const message = smtp_add_message(m_session);
     if (message == nullptr) {
-        RaiseError(kMessageError, "Failed to add message to SMTP session! Possibly ran out of memory!");
+        RaiseError(codes::kMessage, "Failed to add message to SMTP session! Possibly ran out of memory!");
         return nullptr;
     }
     CSMTPMailMessage* const added =
-        m_messages.Add(std::make_unique<CSMTPMailMessage>(message, job, ComposeMessageChunk, *this));
+        m_messages.Add(std::make_unique<CSMTPMailMessage>(message, job, ComposeMessageChunk, m_feed));
     const struct
     {
         const char* name;
         const char* value;
-    } fields[] = {{"Subject", subject.CStr()}, {"X-User-Agent", "VEL Mail 1.3.2"}, {"X-MIME-Version", "1.0"}};
+    } fields[] = {{"Subject", subject.CStr()},
+                  {"X-User-Agent", "VEL Mail " VELMAIL_VERSION},
+                  {"X-MIME-Version", "1.0"}};
     for (const auto& field : fields) {
-        smtp_set_header(message, field.name, field.value);
-        smtp_set_header_option(message, field.name, Hdr_OVERRIDE, 1);
+        added->SetField(field.name, field.value);
+        CallTransport(smtp_set_header_option, message, field.name, Hdr_OVERRIDE, 1);
     }
-    smtp_set_header(message, "Message-Id", MakeMessageId().CStr());
+    added->SetField("Message-Id", MakeMessageId(m_hostName).CStr());
     return added;
-}
-
-bool CSMTPMailSession::Renew()
-{
-    Destroy();
-    return Create();
 }
 
 bool CSMTPMailSession::BeginSend()
@@ -222,8 +210,11 @@ bool CSMTPMailSession::BeginSend()
         Trace(TraceLevel::Warning,
               "Warning: The send before was not delivered whole. The SMTP session is made anew.");
     }
-    if ((m_mustRenew || m_messages.GetCount() >= kMostMessages) && !Renew()) {
-        return false;
+    if (m_mustRenew || m_messages.GetCount() >= kMostMessages) {
+        Destroy();
+        if (!Open()) {
+            return false;
+        }
     }
     m_firstOfSend = m_messages.GetCount();
     // Until the dialogue has shown otherwise: a send that ends before it leaves messages behind, too.
@@ -239,49 +230,50 @@ void CSMTPMailSession::EndSend()
     m_firstOfSend = m_messages.GetCount();
 }
 
-void CSMTPMailSession::OnEvent(smtp_session_t /*session*/, int event, void* argument, ...)
+void CSMTPMailSession::OnEvent(smtp_session_t session, int event, void* argument, ...)
 {
     auto& self = *static_cast<CSMTPMailSession*>(argument);
-    if (event == SMTP_EV_CONNECT) {
+    if (event == SMTP_EV_CONNECT) { // again where the transport tries the server's next address
         self.m_monitor.Reset();
-        self.m_socket.Adopt();
-    } else if (event == SMTP_EV_DISCONNECT) {
-        self.m_socket.Release();
+    } else if (event == SMTP_EV_MESSAGESENT && !self.m_monitor.IsInData()) {
+        self.m_socket.SendAtOnce(true); // refused on its way in chunks: no segment is filled any more
+    } else if (event == SMTP_EV_MESSAGEDATA && self.m_monitor.IsInData()) {
+        va_list details;
+        va_start(details, argument);
+        va_arg(details, smtp_message_t);
+        const bool wantsMore = self.m_feed.NoteLine(va_arg(details, int));
+        va_end(details);
+        if (!wantsMore) { // it would tell of each line
+            smtp_set_eventcb(session, nullptr, nullptr);
+        }
     }
-}
-
-void CSMTPMailSession::RewindMessage(smtp_messagecb_t compose, CMail& job)
-{
-    // A stream of small writes is best gathered. Chunks are each answered: the end of each has to go out.
-    m_socket.SendAtOnce(!m_monitor.IsInData(), m_monitor.GetReceived());
-    m_feed.Rewind(compose, &job);
-}
-
-const char* CSMTPMailSession::NextChunk(smtp_messagecb_t compose, CMail& job, int& length)
-{
-    const char* const chunk = m_feed.Next(compose, &job, length);
-    if (chunk == nullptr) {
-        const int saved = errno; // speaks to the transport
-        // What is left in the transport's buffer must not wait for an answer.
-        m_socket.SendAtOnce(true, m_monitor.GetReceived());
-        errno = saved;
-    }
-    return chunk;
 }
 
 bool CSMTPMailSession::Start()
 {
-    // Set anew, it gives back the server's canonical name of the send before, which libESMTP would lose.
-    if (!SetServer(m_host, m_port)) {
+    // Set anew, it gives back the server's canonical name of the send before, which the transport would lose.
+    if (m_wasStarted && !SetServer()) {
         return false;
     }
-    const bool headersToo = IsTraceActive(); // without a trace no callback looks at the message
-    smtp_set_monitorcb(m_session, &CDialogueMonitor::Callback, &m_monitor, headersToo ? 1 : 0);
-    TraceTransport("using message submission server %s:%s \n", m_host.CStr(), m_port.CStr());
+    if (IsOutOfRange(m_info.port)) {
+        Trace(TraceLevel::Error,
+              "Error: The port %s is none: a number from 1 to 65535 is, or the name of a service.",
+              m_info.port.CStr());
+        return Fail(codes::kResolveService);
+    }
+    m_wasStarted = true;
+    m_monitor.SetTraced(IsTraceActive());
+    if (smtp_set_eventcb(m_session, &CSMTPMailSession::OnEvent, this) == 0 ||
+        smtp_set_monitorcb(m_session, &CDialogueMonitor::Callback, &m_monitor, 1) == 0) {
+        RaiseError(codes::kSession, kNoSession); // unmonitored, PIPELINING would not be hidden
+        return false;
+    }
+    TraceTransport("using message submission server %s:%s \n", m_info.server.CStr(), m_info.port.CStr());
 
-    const platform::CBrokenPipeGuard guard;
+    const platform::CWriteSignalGuard guard;
     const CSocketErrorTrace errors;
-    m_socket.Expect(m_port);
+    m_socket.Expect(m_info.port);
+    m_feed.BeginDialogue(m_messages.GetCount() - m_firstOfSend > 1);
     MarkErrorNumber();
     const bool started = smtp_start_session(m_session) != 0;
     m_socket.Release();
@@ -306,8 +298,8 @@ bool CSMTPMailSession::Settle(bool started, int number)
         return true;
     }
     if (started) {
-        return Fail(number >= kFirstBrokenNumber && number <= kLastNumber ? kCodeBase + number
-                                                                          : kDroppedConnection);
+        return Fail(number >= kFirstBrokenNumber && number <= kLastNumber ? codes::kTransportBase + number
+                                                                          : codes::kDroppedConnection);
     }
     return Fail(StartErrorCode(number));
 }

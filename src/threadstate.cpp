@@ -5,19 +5,21 @@
 #include "src-baselib/error.h"
 #include "src-baselib/platform.h"
 #include "src-baselib/privatefile.h"
+#include "version.h"
 
 namespace {
 
 constexpr const char* kJobName = "VEL job";
-constexpr const char* kBuildText = "1.3.2/MT M15 64";
+constexpr const char* kBuildText = VELMAIL_VERSION "/MT M15 64";
 constexpr const char* kTraceVariable = "VEL_MAILTRACE";
 
 void* g_module = nullptr; // written by the attach alone, before any call
 
+constinit CNeverDestroyed<CThreadVar<CMailGlobal>> g_threadMail;
+
 CThreadVar<CMailGlobal>& ThreadMailVar()
 {
-    static CNeverDestroyed<CThreadVar<CMailGlobal>> variable;
-    return variable.Get();
+    return g_threadMail.Get();
 }
 
 bool MakeErrorState()
@@ -47,7 +49,7 @@ bool MakeThreadState(void* module)
 
 bool EnsureThreadState()
 {
-    return MakeThreadState(g_module);
+    return (ThreadMailVar().Get() != nullptr || platform::PrepareThread()) && MakeThreadState(g_module);
 }
 
 void DestroyThreadState() noexcept
@@ -64,12 +66,6 @@ void DestroyThreadState() noexcept
 CMailGlobal* ThreadMail()
 {
     return ThreadMailVar().Get();
-}
-
-ThreadComposition* CurrentComposition()
-{
-    CMailGlobal* const mail = ThreadMail();
-    return mail == nullptr ? nullptr : &mail->Composition();
 }
 
 void LibraryAttach(void* module) noexcept

@@ -7,11 +7,9 @@
 #include "src/connect.h"
 #include "src/errortexts.h"
 #include "src/sendpipeline.h"
+#include "version.h"
 
 namespace {
-
-constexpr unsigned int kVersion = 0x01030002;
-constexpr const char* kVersionText = "VEL mail 1.3.2.0/mt";
 
 bool SetProperty(CCallFrame& frame, const char* name, const char* value)
 {
@@ -100,7 +98,7 @@ int VelMailGetVersion(unsigned int* version)
     if (version == nullptr) {
         return 0;
     }
-    *version = kVersion;
+    *version = VELMAIL_VERSION_NUMBER;
     return 1;
 }
 
@@ -109,7 +107,7 @@ int VelMailGetVersionText(char* buffer, size_t size)
     if (buffer == nullptr || size == 0) {
         return 0;
     }
-    std::strncpy(buffer, kVersionText, size); // fills the rest with zeros
+    std::strncpy(buffer, VELMAIL_VERSION_TEXT, size); // fills the rest with zeros
     buffer[size - 1] = '\0';
     return 1;
 }

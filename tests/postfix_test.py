@@ -1,77 +1,19 @@
 """Through a real Postfix into a mailbox and back: each recipient's copy must hold what was sent, byte for byte."""
 
-import contextlib
-import ctypes
 import mailbox
 import os
 import pathlib
-import pwd
-import re
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "scripts"))
+import demo_submission
+from private_postfix import MASTER, postfix, read_until
+
 TOOL = os.path.abspath(sys.argv[1])
-MASTER = "/usr/lib/postfix/sbin/master"
-CHILD_SUBREAPER = 36  # of prctl
-MAIN = """queue_directory = {0}/queue
-data_directory = {0}/data
-maillog_file = /dev/stdout
-local_recipient_maps =
-smtpd_relay_restrictions = reject_unauth_destination
-virtual_mailbox_domains = host.example
-virtual_mailbox_base = {0}/box
-virtual_mailbox_maps = static:all/
-virtual_uid_maps = static:{1.pw_uid}
-virtual_gid_maps = static:{1.pw_gid}
-"""
-SERVICES = """127.0.0.1:{0} inet n - n - - smtpd
-127.0.0.1:{1} inet n - n - - smtpd -o smtpd_discard_ehlo_keywords=chunking
-anvil unix - - n - 1 anvil
-cleanup unix n - n - 0 cleanup
-postlog unix-dgram n - n - 1 postlogd
-qmgr unix n - n 300 1 qmgr
-rewrite unix - - n - - trivial-rewrite
-virtual unix - n n - - virtual
-"""
-
-
-@contextlib.contextmanager
-def postfix(folder):
-    owner = pwd.getpwnam("postfix")
-    folder.chmod(0o755)
-    (folder / "queue/pid").mkdir(parents=True)
-    for name in ("active", "corrupt", "defer", "deferred", "incoming", "private", "public", "../data", "../box"):
-        (folder / "queue" / name).mkdir()
-        os.chown(folder / "queue" / name, owner.pw_uid, owner.pw_gid)
-    (folder / "main.cf").write_text(MAIN.format(folder, owner))
-    held = [socket.socket() for _ in range(2)]  # nobody else gets their ports, but who listens may share them
-    for each in held:
-        each.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        each.bind(("127.0.0.1", 0))
-    ports = [each.getsockname()[1] for each in held]
-    (folder / "master.cf").write_text(SERVICES.format(*ports))
-    ctypes.CDLL(None).prctl(CHILD_SUBREAPER, 1)  # what the server leaves behind becomes a child of this process
-    master = subprocess.Popen([MASTER, "-c", folder, "-s"], stdout=subprocess.PIPE, text=True)
-    try:
-        yield ports, master.stdout
-    finally:
-        master.terminate()
-        master.communicate()
-        with contextlib.suppress(ChildProcessError):
-            while os.wait():
-                pass
-
-
-def read_until(pattern, count, log):
-    entries = ""
-    while len(re.findall(pattern, entries)) < count:
-        line = log.readline()
-        entries += line
-        assert line, f"Postfix has ended:\n{entries}"
-    return entries
 
 
 def main(folder, ports, log):
@@ -103,6 +45,38 @@ def main(folder, ports, log):
                          for part in copy.get_payload()]
                 assert parts == wanted, [(name, encoding, content[:200]) for name, encoding, content in parts]
                 assert not any(part.defects for part in copy.walk())
+    submit(folder, ports[2:], log)
+    wrong = demo_submission.run(TOOL, folder, ports[2:], log)  # umlauts in both charsets, an attachment of no bytes
+    assert not wrong, wrong
+
+
+def submit(folder, ports, log):
+    """With encryption and login: sent with the right password, refused in the server's words with a wrong one."""
+    (folder / "letter").write_text("Hello\n.\n..two\n" + "line\n" * 200_000)
+    (folder / "password").write_text("s3cret\n")
+    common = ["MailProtocol=SUBMISSION", "MailServer=localhost", f"MailSecurityCAFile={folder}/certificate.pem",
+              "MailSenderMailBox=me@host.example", "MailSubject=Test", "MailRecipientsMailBox=to@host.example",
+              "MailBCCRecipientsMailBox=bcc@host.example", "MailTextFilename=letter", "MailAuthLogin=ada"]
+    for port, security, transfer in zip(ports, ("STARTTLS", "TLS"), (" bdat=", " data=")):
+        for mechanism in ("", "LOGIN", "CRAM-MD5"):
+            subprocess.run([TOOL, f"MailServerPort={port}", *common, f"MailSecurity={security}",
+                            "MailAuthPassword=@password", f"MailAuthMechanism={mechanism}"],
+                           cwd=folder, env={"VEL_MAILTRACE": "trace;DEBUG"}, check=True)
+            assert b"s3cret" not in (folder / "trace").read_bytes()
+            entries = read_until("status=|disconnect from", 3, log)
+            assert (entries.count("status=sent"), entries.count(transfer)) == (2, 1), entries
+            assert "sasl_username=ada" in entries, entries
+            box = mailbox.Maildir(folder / "box/all", create=False)
+            copies = [box.pop(key) for key in box.keys()]
+            assert {copy["Delivered-To"] for copy in copies} == {"to@host.example", "bcc@host.example"}
+            for copy in copies:
+                assert copy.get_payload(decode=True).endswith((folder / "letter").read_bytes()), copy.as_string()[:2000]
+                assert (copy["Subject"], copy["Bcc"], copy.defects) == ("Test", None, []), copy.as_string()[:2000]
+        failed = subprocess.run([TOOL, f"MailServerPort={port}", *common, f"MailSecurity={security}",
+                                 "MailAuthPassword=wrong"], cwd=folder, env={"VEL_MAILTRACE": "trace;DEBUG"})
+        assert failed.returncode == 1
+        assert b"Setting error 655 (The server refused the login: 535 " in (folder / "trace").read_bytes()
+        read_until("disconnect from", 1, log)
 
 
 def give_up(*_):

@@ -6,7 +6,7 @@
 namespace {
 
 constexpr std::array kProperties = {
-    PropertyInfo{"MailSenderMailBox", PropertyKind::Text, "sender's address; required for SMTP"},
+    PropertyInfo{"MailSenderMailBox", PropertyKind::Text, "sender's address; not required for MAPI"},
     PropertyInfo{"MailSenderFullName", PropertyKind::Text, "sender's display name; the address when empty"},
     PropertyInfo{"MailRecipientsMailBox", PropertyKind::List, "To addresses"},
     PropertyInfo{"MailRecipientsFullName", PropertyKind::List, "To display names, by position"},
@@ -28,14 +28,16 @@ constexpr std::array kProperties = {
                  "files to attach, or names of those in memory"},
     PropertyInfo{"MailAttachmentMemoryAddress", PropertyKind::Blocks,
                  "attachments from memory, one for each name"},
-    PropertyInfo{"MailAttachmentMimeType", PropertyKind::List, "MIME types, by position; else text/plain"},
-    PropertyInfo{"MailAdditionalSMTPHeader", PropertyKind::Text, "kept with the mail; not sent over SMTP"},
-    PropertyInfo{"UseBulkMail", PropertyKind::Flag, "1: one message for each To recipient (SMTP only)"},
-    PropertyInfo{"MailProtocol", PropertyKind::Text, "SMTP (also when empty) or MAPI"},
-    PropertyInfo{"MailServer", PropertyKind::Text, "SMTP server; localhost when empty"},
-    PropertyInfo{"MailServerPort", PropertyKind::Text, "SMTP port; 25 when empty"},
-    PropertyInfo{"MailAuthLogin", PropertyKind::Text, "login for the connection; not used over SMTP"},
-    PropertyInfo{"MailAuthPassword", PropertyKind::Text, "password for the connection; not used over SMTP"},
+    PropertyInfo{"MailAttachmentMimeType", PropertyKind::List,
+                 "MIME types, by position; else text/plain (SUBMISSION: by name)"},
+    PropertyInfo{"MailAdditionalSMTPHeader", PropertyKind::Text, "header lines, sent by SUBMISSION only"},
+    PropertyInfo{"UseBulkMail", PropertyKind::Flag, "1: one message for each To recipient (not by MAPI)"},
+    PropertyInfo{"MailProtocol", PropertyKind::Text, "SMTP (also when empty), SUBMISSION or MAPI"},
+    PropertyInfo{"MailServer", PropertyKind::Text, "mail server; localhost when empty"},
+    PropertyInfo{"MailServerPort", PropertyKind::Text, "its port; 25 when empty, 587 for SUBMISSION"},
+    PropertyInfo{"MailAuthLogin", PropertyKind::Text, "login of SUBMISSION; none when empty"},
+    PropertyInfo{"MailAuthPassword", PropertyKind::Secret,
+                 "its password or token; @FILE: the file's first line"},
     PropertyInfo{"MailWorkSpace", PropertyKind::Text,
                  "working folder of the send, for its text and attachments"},
     PropertyInfo{"MailTraceFilename", PropertyKind::Text,
@@ -44,6 +46,13 @@ constexpr std::array kProperties = {
     PropertyInfo{"MailLogonDialog", PropertyKind::Flag, "1: MAPI may show the client's logon dialog"},
     PropertyInfo{"MailResolveName", PropertyKind::Flag, "kept; no delivery reads it"},
     PropertyInfo{"MailAvailable", PropertyKind::ReadOnly, "MailNone, MailActive or MailDeactivated (MAPI)"},
+    PropertyInfo{"MailSecurity", PropertyKind::Text,
+                 "SUBMISSION: STARTTLS, TLS (also when empty, port 465) or NONE"},
+    PropertyInfo{"MailSecurityCAFile", PropertyKind::Text,
+                 "SUBMISSION: PEM file trusted instead of the system's"},
+    PropertyInfo{"MailAuthMechanism", PropertyKind::Text,
+                 "SUBMISSION: PLAIN, LOGIN, CRAM-MD5, XOAUTH2 or OAUTHBEARER"},
+    PropertyInfo{"MailCharset", PropertyKind::Text, "SUBMISSION: UTF-8, ISO-8859-1 or WINDOWS-1252"},
 };
 
 constexpr const char* kUsage = R"(Usage: velmail [--library PATH] Name=Value ...
@@ -71,13 +80,17 @@ Name=@FILE is for the two properties of kind @file: FILE is read at once and han
    They are named after their files, or by MailAttachmentFilename, which then needs one name for each.
    Attachments come either all from memory or all from files.
 
-A server's refusal of a recipient or of the mail is not a failure of the send but a warning in the trace.
-Set VEL_MAILTRACE=FILE (or "FILE;DEBUG") in the environment to get one.
+Over SMTP a server's refusal of a recipient or of the mail is a warning in the trace, not a failure of the send;
+with SUBMISSION it fails the send, and nobody gets the mail. Set VEL_MAILTRACE=FILE (or "FILE;DEBUG") in the
+environment to get a trace.
 
-Example:
-  velmail MailServer=mail.example.org MailServerPort=587 MailSenderMailBox=me@example.org \
+Examples:
+  velmail MailServer=mail.example.org MailServerPort=25 MailSenderMailBox=me@example.org \
           "MailRecipientsMailBox=you@example.org;them@example.org" "MailSubject=The minutes" \
           MailTextFilename=minutes.txt MailAttachmentFilename=plan.pdf MailAttachmentMimeType=application/pdf
+  velmail MailProtocol=SUBMISSION MailServer=mail.example.com MailAuthLogin=me@example.com \
+          MailAuthPassword=@password.txt MailSenderMailBox=me@example.com MailRecipientsMailBox=you@example.com \
+          MailSubject=Hello MailTextFilename=letter.txt
 )";
 
 const char* KindText(PropertyKind kind)
@@ -91,6 +104,8 @@ const char* KindText(PropertyKind kind)
         return "flag";
     case PropertyKind::Blocks:
         return "@file";
+    case PropertyKind::Secret:
+        return "text";
     case PropertyKind::ReadOnly:
         return "read";
     }

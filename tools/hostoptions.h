@@ -13,6 +13,7 @@ enum class PropertyKind : std::uint8_t
     List,
     Flag,    // read as a 32-bit int
     Blocks,  // memory blocks, given as @FILE
+    Secret,  // a text, also given as @FILE
     ReadOnly // a text that cannot be set
 };
 

@@ -325,6 +325,10 @@ void CSettingsWriter::Write(const std::vector<Setting>& settings)
         const PropertyInfo* property = FindProperty(setting.name);
         if (property != nullptr && property->kind == PropertyKind::Blocks) {
             WriteBlocks(setting);
+        } else if (property != nullptr && property->kind == PropertyKind::Secret &&
+                   setting.value.starts_with("@")) { // not for everybody who lists the processes
+            const std::string content = ReadWholeFile(setting.value.substr(1));
+            m_library.Set(setting.name, content.substr(0, content.find_first_of("\r\n")));
         } else {
             m_library.Set(setting.name, setting.value);
         }

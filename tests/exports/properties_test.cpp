@@ -19,13 +19,11 @@ TEST(Exports, RefuseNullPointersAndKeepBuffersTerminated)
     EXPECT_EQ(VelMailGetVersion(&version), 1);
     EXPECT_EQ(version, 16973826U);
 
-    std::array<char, 8> text = {'x', 'x', 'x', 'x', 'x', 'x', 'x', 'x'};
+    std::array<char, 8> text = {'x', 'x', 'x', 'x', 'x', 'x'};
     EXPECT_EQ(VelMailGetVersionText(nullptr, 5), 0);
     EXPECT_EQ(VelMailGetVersionText(text.data(), 0), 0);
     EXPECT_EQ(VelMailGetVersionText(text.data(), 5), 1);
-    EXPECT_STREQ(text.data(), "VEL ");
-    EXPECT_EQ(text[5], 'x');
-
+    EXPECT_EQ(std::string(text.data(), 6), std::string("VEL \0x", 6));
     EXPECT_EQ(VelMailGetLastError(nullptr), 0);
     EXPECT_EQ(VelMailGetErrorText(650, nullptr, 100), 0);
     EXPECT_EQ(VelMailGetLastErrorText(nullptr, 100), 0);
@@ -34,50 +32,34 @@ TEST(Exports, RefuseNullPointersAndKeepBuffersTerminated)
     EXPECT_EQ(VelMailSetProperty("UseBulkMail", nullptr), 1);
 }
 
-TEST(Exports, GiveErrorTextsWholeOrNotAtAll)
-{
-    struct
-    {
-        int code, size, result;
-        const char* text;
-    } const rows[] = {{17, 23, 1, "No access to tracefile"},
-                      {17, 22, 0, ""},
-                      {0, 100, 1, "All operations completed successfully"},
-                      {650, 100, 1, "No recipient specified"},
-                      {920, 100, 1, "Function not available"},
-                      {176, 100, 1, nullptr},
-                      {1, 100, 0, ""},
-                      {-1, 100, 0, ""},
-                      {17, 0, 0, ""},
-                      {17, -5, 0, ""}};
-    for (const auto& row : rows) {
-        std::array<char, 100> buffer = {'?', '?'};
-        EXPECT_EQ(VelMailGetErrorText(row.code, buffer.data(), row.size), row.result)
-            << row.code << ", " << row.size;
-        if (row.text != nullptr) {
-            EXPECT_STREQ(buffer.data(), row.text) << row.code << ", " << row.size;
-        }
-    }
-}
-
-TEST(Exports, SpeakTheUsersLanguage)
+TEST(Exports, GiveErrorTextsWholeOrNotAtAllInTheUsersLanguage)
 {
     struct
     {
         const char* language;
-        const char* text; // of error 650
-        int result;       // for 920, which has no German text
-    } const rows[] = {{"de_DE.UTF-8", "Kein Empf\xE4nger angegeben", 0},
-                      {"de", "Kein Empf\xE4nger angegeben", 0},
-                      {"den_CA", "No recipient specified", 1},
-                      {"en_US.UTF-8", "No recipient specified", 1}};
+        int code, size, result;
+        const char* text;
+    } const rows[] = {{"C", 17, 23, 1, "No access to tracefile"},
+                      {"C", 17, 22, 0, ""},
+                      {"C", 17, 0, 0, ""},
+                      {"C", 17, -5, 0, ""},
+                      {"C", 0, 100, 1, "All operations completed successfully"},
+                      {"C", 176, 100, 1, "Function not supported by the mail client (MAPI)"},
+                      {"C", 1, 100, 0, ""},
+                      {"C", -1, 100, 0, ""},
+                      {"en_US.UTF-8", 650, 100, 1, "No recipient specified"},
+                      {"den_CA", 650, 100, 1, "No recipient specified"},
+                      {"den_CA", 920, 100, 1, "Function not available"},
+                      {"de_DE.UTF-8", 650, 100, 1, "Kein Empf\xE4nger angegeben"},
+                      {"de", 650, 100, 1, "Kein Empf\xE4nger angegeben"},
+                      {"de", 920, 100, 0, ""}}; // it has no German text
     for (const auto& row : rows) {
         std::thread([&row] {
             SetUserLanguage(row.language);
-            std::array<char, 100> buffer = {};
-            EXPECT_EQ(VelMailGetErrorText(650, buffer.data(), buffer.size()), 1);
-            EXPECT_STREQ(buffer.data(), row.text) << row.language;
-            EXPECT_EQ(VelMailGetErrorText(920, buffer.data(), buffer.size()), row.result) << row.language;
+            std::array<char, 100> buffer = {'?'};
+            EXPECT_EQ(VelMailGetErrorText(row.code, buffer.data(), row.size), row.result)
+                << row.language << row.code << ", " << row.size;
+            EXPECT_STREQ(buffer.data(), row.text) << row.language << row.code << ", " << row.size;
             SetUserLanguage(nullptr);
         }).join();
     }
@@ -88,25 +70,15 @@ TEST(Exports, ReadPropertiesByTheirKind)
     std::thread([] {
         std::array<char, 32> buffer = {};
         int number = -1;
-        Set({{"MailSubject", "Hello"}, {"UseBulkMail", "2"}, {"MailDialog", "TRUE"}});
+        Set({{"MailSubject", "Hello"}, {"UseBulkMail", "2"}});
         EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 5), 0);
+        EXPECT_EQ(LastError(), 47);
+        EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 0x80000000U), 0);
         EXPECT_EQ(LastError(), 47);
         EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 6), 1);
         EXPECT_STREQ(buffer.data(), "Hello");
-        EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 0), 1);
-        EXPECT_STREQ(buffer.data(), "6");
-        EXPECT_EQ(VelMailGetProperty("MailSubject", nullptr, 0), 0);
-        EXPECT_EQ(LastError(), 47);
-        EXPECT_EQ(VelMailGetProperty("MailSubject", nullptr, 100), 0);
-        EXPECT_EQ(LastError(), 29);
-        EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 0x80000000U), 0);
-        EXPECT_EQ(LastError(), 47);
         EXPECT_EQ(VelMailGetProperty("UseBulkMail", &number, sizeof number), 1);
         EXPECT_EQ(number, 2);
-        EXPECT_EQ(VelMailGetProperty("MailDialog", &number, sizeof number), 1);
-        EXPECT_EQ(number, 0) << "a word is no number";
-        EXPECT_EQ(VelMailGetProperty("MailDialog", &number, 3), 0);
-        EXPECT_EQ(LastError(), 47);
         EXPECT_EQ(VelMailSetProperty("mailsubject", "x"), 0);
         EXPECT_EQ(LastError(), 0) << "an unknown name has no code";
         EXPECT_EQ(VelMailSetProperty("MailAvailable", "x"), 0);
@@ -116,18 +88,21 @@ TEST(Exports, ReadPropertiesByTheirKind)
 TEST(Exports, ResetToDefaultsThatAFreshThreadDoesNotHave)
 {
     std::thread([] {
+        const Settings reset = {{"MailServerPort", "25"},
+                                {"MailSubject", ""},
+                                {"MailRecipientsMailBox", ""},
+                                {"MailRecipientCheck", "1"}};
         int dialog = -1;
         EXPECT_EQ(Get("MailServerPort"), "");
         EXPECT_EQ(VelMailGetProperty("MailDialog", &dialog, sizeof dialog), 1);
         EXPECT_EQ(dialog, 0);
         Set({{"MailSubject", "x"}, {"MailRecipientsMailBox", "a@b.c;d@e.f"}, {"MailRecipientCheck", "no"}});
         EXPECT_EQ(VelMailSetProperty("", "ignored"), 1);
-        EXPECT_EQ(Get("MailServerPort"), "25");
         EXPECT_EQ(VelMailGetProperty("MailDialog", &dialog, sizeof dialog), 1);
         EXPECT_EQ(dialog, 1);
-        EXPECT_EQ(Get("MailSubject"), "");
-        EXPECT_EQ(Get("MailRecipientsMailBox"), "");
-        EXPECT_EQ(Get("MailRecipientCheck"), "1");
+        for (const auto& [name, value] : reset) {
+            EXPECT_EQ(Get(name.c_str()), value) << name;
+        }
     }).join();
 }
 
@@ -150,11 +125,15 @@ TEST(Exports, ReportTheMissingMailClientAtTheNextCall)
         EXPECT_EQ(VelMailDisconnect(), 0);
         EXPECT_EQ(LastError(), 0) << "no connection is no error";
     });
-    EXPECT_EQ(CountOf(trace, "Mapi dll not found"), 2U);
-    EXPECT_EQ(CountOf(trace, "Warning: VelMailSetProperty(): Beginne mit Fehlercode 60"), 1U);
-    EXPECT_EQ(CountOf(trace, "Warning: VelMailSend(): Beginne mit Fehlercode 60"), 1U);
-    EXPECT_EQ(CountOf(trace, "Warning: Mail service not found."), 1U);
-    EXPECT_EQ(CountOf(trace, "Setting error 47 in src/propmail("), 1U);
+    const std::pair<const char*, std::size_t> lines[] = {
+        {"Mapi dll not found", 2},
+        {"Warning: VelMailSetProperty(): Beginne mit Fehlercode 60", 1},
+        {"Warning: VelMailSend(): Beginne mit Fehlercode 60", 1},
+        {"Warning: Mail service not found.", 1},
+        {"Setting error 47 in src/propmail(", 1}};
+    for (const auto& [line, count] : lines) {
+        EXPECT_EQ(CountOf(trace, line), count) << line;
+    }
 }
 
 TEST(Exports, DumpTheLiveSetAndFilterByLevel)
@@ -175,10 +154,9 @@ TEST(Exports, DumpTheLiveSetAndFilterByLevel)
 
     const std::string errors = RunTraced(host, "ERROR");
     EXPECT_EQ(CountOf(errors, "\r\n"), 3U) << "the head and two errors: " << errors;
-    EXPECT_EQ(CountOf(errors, "Error: Unknown mail protocol given in property 'MailProtocol': 'smtp'"), 1U);
-    EXPECT_EQ(
-        CountOf(errors, "(Unknown mail protocol given in property 'MailProtocol': 'smtp') in src/connect("),
-        1U);
+    const std::string text = "Unknown mail protocol given in property 'MailProtocol': 'smtp'";
+    EXPECT_EQ(CountOf(errors, "Error: " + text), 1U);
+    EXPECT_EQ(CountOf(errors, "(" + text + ") in src/connect("), 1U);
 }
 
 TEST(Exports, FailWith17WhileNoTraceFileCanBeOpened)

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Installs the built library into a folder of its own and builds a small host against it, once through its CMake
-# package and once through pkg-config; the second one is the README's.
+# Installs the built library into a folder of its own and builds the README's host against it, once through its
+# CMake package and once through pkg-config.
 set -euo pipefail
 build=$(readlink -f "$1")
 source=$(dirname "$(readlink -f "$0")")
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cmake --install "$build" --prefix "$work/tree" >/dev/null
+cmake --install "$build" --prefix "$work/first" >/dev/null
+mv "$work/first" "$work/tree" # it may be moved
 
 mkdir "$work/host"
 cat >"$work/host/CMakeLists.txt" <<'END'
@@ -18,19 +19,25 @@ add_executable(host host.c)
 target_compile_options(host PRIVATE -std=c99 -Wall -Wextra -Wpedantic -Werror)
 target_link_libraries(host PRIVATE VelMail::VelMail64)
 END
-cp "$source/host.c" "$work/host"
-cmake -S "$work/host" -B "$work/host/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
-cmake --build "$work/host/build" >/dev/null
-"$work/host/build/host"
-
-pkgconfig=$(dirname "$(find "$work/tree" -name velmail.pc)")
-read -ra flags <<<"$(PKG_CONFIG_PATH=$pkgconfig pkg-config --define-variable=prefix="$work/tree" --cflags --libs velmail)"
 example=$source/../../examples/host.c
 diff <(awk '/^```c$/{f=1;next} /^```$/{f=0} f' "$source/../../README.md") "$example"
-cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$example" "${flags[@]}" -o "$work/host/host"
+cp "$example" "$work/host"
+cmake -S "$work/host" -B "$work/host/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
+cmake --build "$work/host/build" >/dev/null
+
+PKG_CONFIG_PATH=$(dirname "$(find "$work/tree" -name velmail.pc)")
+export PKG_CONFIG_PATH
+library=$(pkg-config --variable=libdir velmail)
+read -ra flags <<<"$(pkg-config --cflags --libs velmail)"
+cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$example" "${flags[@]}" "-Wl,-rpath,$library" -o "$work/host/host"
+[ "$(readlink "$library/libVelMail64.so")" = libVelMail64.so.1 ]
+[ "$(readlink "$library/libVelMail64.so.1")" = "libVelMail64.so.$(pkg-config --modversion velmail)" ]
 cd "$work"
-said=$(LD_LIBRARY_PATH=$(dirname "$pkgconfig") LC_ALL=C "$work/host/host" 2>&1) && exit 1
-[ "$said" = "send: error 695: Error with Mail Text" ]
+for host in "$work/host/build/host" "$work/host/host"; do
+    readelf -d "$host" | grep -q 'NEEDED.*\[libVelMail64\.so\.1\]'
+    said=$(LC_ALL=C "$host" localhost 25 missing.txt you@example.com 2>&1) && exit 1
+    [ "$said" = "send: error 695: Error with Mail Text" ]
+done
 
 "$work/tree/bin/velmail" --version
 echo "The installed tree serves both kinds of hosts."

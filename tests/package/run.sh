@@ -26,7 +26,7 @@ done
 for library in libVelMail64.dll.a VelMail64.lib; do
     x86_64-w64-mingw32-gcc-posix -std=c99 "$package/examples/host.c" -I"$package/include" "$package/lib/$library" \
         -o "$package/host.exe"
-    said=$("$root/scripts/wine-run" "$package/host.exe" 2>&1 | tr -d '\r') && exit 1
+    said=$("$root/scripts/wine-run" "$package/host.exe" localhost 25 missing.txt you@example.com 2>&1 | tr -d '\r') && exit 1
     diff <(echo "send: error 695: Error with Mail Text") - <<<"$said"
 done
 

@@ -42,20 +42,28 @@ int SendAndDisconnect()
     return code;
 }
 
+int Deliver(const Settings& mail)
+{
+    Set(mail);
+    EXPECT_EQ(VelMailConnect(), 1);
+    return SendAndDisconnect();
+}
+
 std::string Block(std::string_view content)
 {
     return std::to_string(reinterpret_cast<std::uintptr_t>(content.data())) + ";" +
            std::to_string(content.size());
 }
 
-Settings SmallMail(const std::string& port)
+Settings SmallMail(const std::string& port, Settings more)
 {
-    return {{"MailServer", "127.0.0.1"},
-            {"MailServerPort", port},
-            {"MailSenderMailBox", "ada@host.example"},
-            {"MailRecipientsMailBox", "bob@host.example"},
-            {"MailSubject", "Hello"},
-            {"MailTextMemoryAddress", Block("Hello Bob\n")}};
+    more.merge(Settings{{"MailServer", "127.0.0.1"},
+                        {"MailServerPort", port},
+                        {"MailSenderMailBox", "ada@host.example"},
+                        {"MailRecipientsMailBox", "bob@host.example"},
+                        {"MailSubject", "Hello"},
+                        {"MailTextMemoryAddress", Block("Hello Bob\n")}});
+    return more;
 }
 
 std::string RunTraced(const std::function<void()>& body, const std::string& level)
@@ -78,4 +86,24 @@ std::size_t CountOf(std::string_view whole, std::string_view text)
         ++count;
     }
     return count;
+}
+
+namespace {
+// What stands between the first `start` and the next `end`.
+std::string Between(const std::string& text, const std::string& start, const std::string& end)
+{
+    const std::size_t at = text.find(start);
+    const std::size_t from = at + start.size();
+    return at == std::string::npos ? "" : text.substr(from, text.find(end, from) - from);
+}
+} // namespace
+
+std::string BoundaryOf(const std::string& message)
+{
+    return Between(message, "Content-Type: multipart/mixed;boundary=\"", "\"");
+}
+
+std::string FieldOf(const std::string& message, const std::string& name)
+{
+    return Between(message.substr(0, message.find("\r\n\r\n") + 2), "\r\n" + name + ": ", "\r\n");
 }

@@ -33,14 +33,16 @@ std::string RemoveStuffedDots(const std::string& text)
     return result.append(text, at).erase(0, 2);
 }
 
-std::string HealthyReply(const std::string& verb, const std::vector<std::string>& extensions)
+std::string HealthyReply(const std::string& verb, const std::vector<std::string>& extensions, bool startTls)
 {
     static const std::map<std::string, std::string> replies{
-        {"HELO", "250 test\r\n"}, {"MAIL", "250 ok\r\n"}, {"RCPT", "250 ok\r\n"},
-        {"DATA", "354 go\r\n"},   {"RSET", "250 ok\r\n"}, {"QUIT", "221 bye\r\n"}};
+        {"HELO", "250 test\r\n"}, {"MAIL", "250 ok\r\n"},  {"RCPT", "250 ok\r\n"}, {"DATA", "354 go\r\n"},
+        {"RSET", "250 ok\r\n"},   {"QUIT", "221 bye\r\n"}, {"AUTH", "235 ok\r\n"}};
+    if (verb == "STARTTLS" && startTls)
+        return "220 go\r\n";
     if (verb != "EHLO")
         return replies.contains(verb) ? replies.at(verb) : "500 unknown\r\n";
-    std::string reply = "250-test\r\n";
+    std::string reply = startTls ? "250-test\r\n250-STARTTLS\r\n" : "250-test\r\n";
     for (const std::string& extension : extensions)
         reply += "250-" + extension + "\r\n";
     return reply + "250 8BITMIME\r\n";
@@ -61,7 +63,8 @@ private:
 
     void Run()
     {
-        bool open = Deliver(Decide(FindRule("connect"), "220 test ESMTP\r\n"));
+        bool open = (!m_server.m_options.tlsAtOnce || Secure()) &&
+                    Deliver(Decide(FindRule("connect"), "220 test ESMTP\r\n"));
         for (std::string line; open && ReadLine(line);)
             open = Execute(line);
         if (m_end == EServerAction::Close)
@@ -81,7 +84,11 @@ private:
         }
         if (verb == "BDAT")
             return TakeChunk(Upper(line));
-        const CServerRule answer = Decide(FindRule(verb), HealthyReply(verb, m_server.m_options.extensions));
+        if (verb == "AUTH" && !AskForLogin(Upper(line)))
+            return false;
+        const bool startTls = m_server.m_options.tls != nullptr && m_tls == nullptr;
+        const CServerRule answer =
+            Decide(FindRule(verb), HealthyReply(verb, m_server.m_options.extensions, startTls));
         if (answer.reply.starts_with('2')) {
             if (verb == "RCPT")
                 m_mail.recipients.push_back(Mailbox(line));
@@ -90,7 +97,39 @@ private:
         }
         if (!Deliver(answer))
             return false;
+        if (verb == "STARTTLS" && answer.reply.starts_with('2'))
+            return Secure();
         return verb == "DATA" && answer.reply.starts_with('3') ? TakeBody() : verb != "QUIT";
+    }
+
+    bool Secure()
+    {
+        if (const CServerRule* const rule = FindRule("handshake"); rule != nullptr && !Deliver(*rule))
+            return false;
+        m_input.clear();
+        m_taken = 0;
+        auto channel = std::make_unique<CTlsChannel>(*m_server.m_options.tls, m_socket);
+        if (!channel->Accept())
+            return false;
+        m_tls = std::move(channel);
+        return true;
+    }
+
+    // The questions of the mechanism, but for the last answer.
+    bool AskForLogin(const std::string& line)
+    {
+        static const std::map<std::string, std::vector<std::string>> questions{
+            {"AUTH LOGIN", {"VXNlcm5hbWU6", "UGFzc3dvcmQ6"}}, {"AUTH CRAM-MD5", {"PDFAaG9zdD4="}}};
+        const auto found = questions.find(line);
+        for (const std::string& question :
+             found != questions.end() ? found->second : std::vector<std::string>{""}) {
+            std::string answer;
+            if (!Deliver({.reply = "334 " + question + "\r\n"}) || !ReadLine(answer))
+                return false;
+            const std::lock_guard lock(m_server.m_mutex);
+            m_commands.push_back(answer);
+        }
+        return true;
     }
 
     bool TakeBody()
@@ -191,7 +230,7 @@ private:
         for (std::string_view rest = answer.reply; !rest.empty();) {
             const std::string_view piece = rest.substr(0, split == 0 ? rest.size() : split);
             rest.remove_prefix(piece.size());
-            if (!sockets::Send(m_socket, piece))
+            if (!(m_tls ? m_tls->Send(piece) : sockets::Send(m_socket, piece)))
                 return false;
             // A client that does not read is waited for once, not at every piece.
             m_paced = m_paced && (rest.empty() || sockets::WaitUntilRead(m_socket));
@@ -220,7 +259,8 @@ private:
 
     bool Receive()
     {
-        const std::size_t received = sockets::Receive(m_socket, m_chunk.data(), m_chunk.size());
+        const std::size_t received = m_tls ? m_tls->Receive(m_chunk.data(), m_chunk.size())
+                                           : sockets::Receive(m_socket, m_chunk.data(), m_chunk.size());
         m_input.erase(0, std::exchange(m_taken, 0)).append(m_chunk.data(), received);
         return received != 0;
     }
@@ -228,6 +268,7 @@ private:
     CScriptedServer& m_server;
     const std::size_t m_number;
     sockets::Socket m_socket;
+    std::unique_ptr<CTlsChannel> m_tls; // once it is agreed
     std::vector<std::string> m_commands;
     std::array<char, 65536> m_chunk{};
     std::string m_input;
@@ -278,6 +319,14 @@ void CScriptedServer::Stop()
     sockets::Close(m_listener);
     for (const auto& connection : m_connections)
         connection->m_thread.join();
+}
+
+void CScriptedServer::DropConnections()
+{
+    const std::lock_guard lock(m_mutex);
+    for (const auto& connection : m_connections)
+        if (connection->m_socket != sockets::none)
+            sockets::Interrupt(connection->m_socket);
 }
 
 bool CScriptedServer::WaitFor(const std::size_t& counter, std::size_t n) const

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "sockets.h"
+#include "tls.h"
 
 enum class EServerAction
 {
@@ -27,7 +28,7 @@ struct CServerRule
 {
     // "connect" (the greeting), a command verb in capitals, "BODY" (a body in DATA or BDAT has reached
     // bodyBytes), "DOT" (the answer to the final dot) or "LAST" (the answer to BDAT LAST; "BDAT" comes
-    // second).
+    // second), "AUTH" (the last answer of a login) or "handshake" (of TLS; a reply goes out in its place).
     std::string match{};
     std::size_t nth = 0; // applies to the n-th such step of a connection; 0: to each
     std::string reply{}; // sent as it stands, with its CR LF; empty: nothing is sent
@@ -39,8 +40,10 @@ struct CServerRule
 
 struct CServerOptions
 {
-    std::vector<std::string> extensions{}; // further lines of the EHLO answer
-    std::size_t splitReplies = 0;          // bytes per segment of a reply; 0: whole replies
+    std::vector<std::string> extensions{};     // further lines of the EHLO answer
+    std::size_t splitReplies = 0;              // bytes per segment of a reply; 0: whole replies
+    std::shared_ptr<const CTlsIdentity> tls{}; // offers STARTTLS with it; null: does not
+    bool tlsAtOnce = false;                    // before the greeting
 };
 
 struct CReceivedMail
@@ -61,6 +64,8 @@ public:
 
     // Closes the port and all connections and joins all threads, whatever the clients do.
     void Stop();
+    // Closes the connections of now, whatever their dialogue has come to.
+    void DropConnections();
 
     [[nodiscard]] const std::string& Port() const { return m_port; }
     // Connections count from 1, in the order they were accepted.
@@ -73,7 +78,6 @@ public:
 
     // True as soon as so many were seen in all, false after 30 seconds. A rule counts once its reply is sent.
     [[nodiscard]] bool WaitForMails(std::size_t n) const { return WaitFor(m_mailCount, n); }
-    [[nodiscard]] bool WaitForConnections(std::size_t n) const { return WaitFor(m_connectionCount, n); }
     [[nodiscard]] bool WaitForRules(std::size_t n) const { return WaitFor(m_ruleCount, n); }
 
 private:

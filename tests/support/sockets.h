@@ -1,4 +1,4 @@
-// The loopback TCP calls the scripted server stands on; one file per platform implements them.
+// The loopback TCP calls the scripted server stands on; each platform adds what it has of its own.
 // A socket is used by one thread, except Interrupt, which any thread may call while no other closes it.
 #pragma once
 

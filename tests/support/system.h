@@ -9,6 +9,9 @@ void SetEnvironment(const char* name, const char* value);
 // yet; null takes that back.
 void SetUserLanguage(const char* locale);
 
+// Sends the process a signal every half millisecond, or ends that; where there are signals.
+void DisturbWithSignals(bool on);
+
 // Whether the transport of this platform's library sends in chunks (BDAT) where the server takes them.
 [[nodiscard]] bool TransportSendsChunks();
 

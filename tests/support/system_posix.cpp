@@ -1,5 +1,6 @@
 #include "system.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
@@ -7,6 +8,7 @@
 #include <dlfcn.h>
 #include <malloc.h>
 #include <pthread.h>
+#include <sys/time.h>
 
 void SetEnvironment(const char* name, const char* value)
 {
@@ -16,6 +18,14 @@ void SetEnvironment(const char* name, const char* value)
 void SetUserLanguage(const char* locale)
 {
     SetEnvironment("LC_ALL", locale);
+}
+
+void DisturbWithSignals(bool on)
+{
+    std::signal(SIGALRM, [](int) {});
+    const timeval often = {0, on ? 500 : 0};
+    const itimerval timer = {often, often};
+    setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
 bool TransportSendsChunks()

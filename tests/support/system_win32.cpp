@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <span>
 #include <string>
 
@@ -9,7 +10,8 @@
 
 void SetEnvironment(const char* name, const char* value)
 {
-    SetEnvironmentVariableA(name, value);
+    const std::string text = value == nullptr ? "" : value;
+    _putenv((std::string(name) + "=" + text).c_str()); // for getenv, and the system's own
 }
 
 void SetUserLanguage(const char* locale)
@@ -20,6 +22,8 @@ void SetUserLanguage(const char* locale)
     const LCID known = name.empty() ? 0 : LocaleNameToLCID(std::wstring(name.begin(), name.end()).c_str(), 0);
     SetThreadLocale(known != 0 ? known : LOCALE_USER_DEFAULT);
 }
+
+void DisturbWithSignals(bool /*on*/) {}
 
 bool TransportSendsChunks()
 {

@@ -1,5 +1,9 @@
-#include "src/messagefeed.h"
-#include "src/smtptrace.h"
+#include "src/transport/messagefeed.h"
+#include "src/mail.h"
+#include "src/transport/dialoguemonitor.h"
+#include "src/transport/libesmtp.h"
+#include "src/transport/sockettexts.h"
+#include "src/transport/transporttrace.h"
 
 #include "tests/unit/helpers.h"
 
@@ -30,51 +34,80 @@ TEST(PipeliningFilter, SpoilsTheKeywordInTheReplyToEhloAlone)
     }
 }
 
-struct Feed : CMessageFeed
+// Gives out as many pieces, as long, and ends or fails for good; a length of 0 is the room's.
+struct ScriptedSource : CMessageSource
 {
-    inline static std::tuple<std::size_t, std::size_t, int> script; // how many pieces, how long, the error
-    inline static std::size_t calls;
-    inline static std::string given;
-    inline static std::int64_t now;
-    static const char* Compose(void** /*context*/, int* size, void* /*job*/)
+    std::int32_t pieces = 0, length = 0;
+    PullState end = PullState::End;
+    std::int32_t calls = 0;
+    std::string given;
+    void Begin(CMail& /*job*/) override
     {
-        const auto& [pieces, length, error] = script;
-        calls = size == nullptr ? 0 : calls + 1;
-        errno = calls <= pieces ? EINTR : error != 0 ? error : errno; // beside a piece it means nothing
-        given.resize(std::min(calls, pieces) * length, static_cast<char>(calls));
-        const bool more = calls > 0 && calls <= pieces;
-        return more ? *size = static_cast<int>(length), given.data() + given.size() - length : nullptr;
+        calls = 0;
+        given.clear();
     }
-    Feed() : CMessageFeed([] { return now; }) {}
-    std::string Chunk(int error) // the next one; empty at the end, which must come with this error
+    Pulled Next(char* room, std::int32_t size) override
     {
-        int size = -1;
-        const char* const data = Next(Compose, nullptr, size);
-        EXPECT_EQ(errno, data == nullptr ? error : 0);
-        return {data == nullptr ? "" : data, static_cast<std::size_t>(size)};
+        if (++calls > pieces) {
+            return end == PullState::Failed && length == 1 ? throw std::bad_alloc() : Pulled{0, end};
+        }
+        const std::int32_t count = length == 0 ? size : length;
+        std::fill_n(room, count, static_cast<char>('a' + calls));
+        given.append(room, static_cast<std::size_t>(count));
+        return {count, calls == pieces && length > 1 ? end : PullState::More};
     }
 };
 
-TEST(MessageFeed, GathersPiecesStaysEndedOrFailedAndGivesUpAfterAStall)
+TEST(MessageFeed, HandsOverWhatItPullsStaysEndedOrFailedAndGivesUpAfterAStall)
 {
-    const decltype(Feed::script) scripts[] = {{0, 1, 0},     {1, 1, 0},   {3000, 78, 0}, {66, 999, 0},
-                                              {65, 1000, 0}, {0, 9, EIO}, {9, 9, EIO},   {90, 1000, EIO}};
-    Feed feed;
-    for (const auto& script : scripts) {
-        const auto& [pieces, length, error] = Feed::script = script;
-        feed.Rewind(Feed::Compose, nullptr);
-        std::string chunk = feed.Chunk(error);
-        std::string all = chunk;
-        for (; chunk.size() > 64536 && chunk.size() <= 65536; all += chunk) { // only the last may be small
-            chunk = feed.Chunk(error);
+    static std::int64_t now;
+    ScriptedSource source;
+    CTransportSocket socket;
+    CDialogueMonitor monitor;
+    CMail job;
+    CMessageFeed feed(source, monitor, socket, [] { return now; });
+    const auto take =
+        [&feed](int error) { // the next chunk; empty at the end, which must come with this error
+            int size = -1;
+            const char* const data = feed.Next(size);
+            EXPECT_EQ(errno, data == nullptr ? error : 0);
+            return std::string(data == nullptr ? "" : data, static_cast<std::size_t>(size));
+        };
+    const std::tuple<std::int32_t, std::int32_t, PullState, int> scripts[] = {
+        {0, 9, PullState::End, 0},        {1, 9, PullState::End, 0},      {3, 1, PullState::End, 0},
+        {9, 0, PullState::End, 0},        {0, 9, PullState::Failed, EIO}, {3, 9, PullState::Failed, EIO},
+        {3, 1, PullState::Failed, ENOMEM}};
+    for (const bool inData : {false, true}) {
+        const std::string command = inData ? "DATA\r\n" : "BDAT 9\r\n";
+        CDialogueMonitor::Callback(command.data(), static_cast<int>(command.size()), SMTP_CB_WRITING,
+                                   &monitor);
+        for (const auto& [pieces, length, end, error] : scripts) {
+            source.pieces = pieces;
+            source.length = length;
+            source.end = end;
+            EXPECT_EQ(feed.Begin(job, 0), nullptr);
+            std::string all;
+            std::size_t longest = 0;
+            for (std::string chunk = take(error); !chunk.empty(); chunk = take(error)) {
+                all += chunk;
+                longest = std::max(longest, chunk.size());
+            }
+            EXPECT_EQ(all, source.given) << pieces;
+            EXPECT_EQ(take(error) + take(error), "");
+            EXPECT_EQ(longest, length > 0 ? static_cast<std::size_t>(std::min(pieces, 1) * length)
+                               : inData   ? std::size_t{65536}
+                                          : std::size_t{524288});
+            EXPECT_LE(source.calls, pieces + 1);
+            EXPECT_EQ(TakeError(), error == ENOMEM ? 10 : 0);
         }
-        EXPECT_TRUE(error == 0 ? all == Feed::given : Feed::given.starts_with(all)) << pieces;
-        EXPECT_TRUE(feed.Chunk(error).empty() && feed.Chunk(error).empty() && Feed::calls == pieces + 1);
     }
-    Feed::script = {130, 1000, 0};
-    feed.Rewind(Feed::Compose, nullptr);
-    for (const int late : {1, 0, 1, 1}) { // nothing waits for the first; the third would end the message
-        Feed::now += CMessageFeed::kStallMilliseconds - 1 + late;
-        EXPECT_EQ(feed.Chunk(ETIMEDOUT).size(), late == 1 && Feed::calls > 65 ? 0U : 65000U);
+    source.pieces = 3;
+    source.length = 0;
+    for (const int late : {0, 1}) {
+        feed.Begin(job, 0);
+        now += 2 * CMessageFeed::kStallMilliseconds; // nothing waits for the first
+        EXPECT_EQ(take(0).size(), 8192U);
+        now += CMessageFeed::kStallMilliseconds - 1 + late;
+        EXPECT_EQ(take(ETIMEDOUT).size(), late == 1 ? 0U : 16384U);
     }
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "src/base64line.h"
 #include "src-baselib/iofile.h"
 #include "src-baselib/iomem.h"
 #include "tests/unit/helpers.h"
@@ -9,10 +10,16 @@
 struct CutMemory : IOMemory // ends a read at the cut, whatever is asked for
 {
     std::int64_t cut = 0;
+    bool lends = true;
     bool Read(void* buffer, std::int32_t& length) override
     {
         length = Tell() < cut ? std::min(length, static_cast<std::int32_t>(cut - Tell())) : length;
         return IOMemory::Read(buffer, length);
+    }
+    const char* Lend(std::int32_t& length, std::int32_t unit) override
+    {
+        length = Tell() < cut ? std::min(length, static_cast<std::int32_t>(cut - Tell())) : length;
+        return lends ? IOMemory::Lend(length, unit) : nullptr;
     }
 };
 
@@ -54,6 +61,35 @@ TEST(Filters, ChangeTextWhereverItIsCut)
     }
 }
 
+TEST(Filters, ChangeTextInBlocksWhereverItIsCut)
+{
+    std::mt19937 random;
+    for (const std::string& alphabet :
+         {std::string("\r\n"), "a\n" + std::string(20, 'b'), "\r\n" + std::string(40, 'c')}) {
+        std::string text(700, '\0');
+        std::ranges::generate(text, [&] { return alphabet[random() % alphabet.size()]; });
+        const std::string wanted = std::regex_replace(text, std::regex("\r?\n"), "\r\n");
+        CutMemory source;
+        EXPECT_TRUE(source.Write(text.data(), 700));
+        for (source.cut = 0; source.cut <= 40; ++source.cut) {
+            for (const std::int32_t capacity : {3, 33, 64, 1000, 4000}) {
+                source.lends = source.cut % 8 != 7;
+                source.SeekBegin(0);
+                CrLfFilterIo filter;
+                filter.Restart(&source);
+                std::string all;
+                for (std::int32_t length = capacity; length > 0;) {
+                    std::string buffer(static_cast<std::size_t>(capacity) + 1, '#');
+                    EXPECT_TRUE(filter.ReadText(buffer.data(), length = capacity));
+                    EXPECT_EQ(buffer.back(), '#');
+                    all += buffer.substr(0, static_cast<std::size_t>(length));
+                }
+                EXPECT_EQ(all, wanted) << source.cut << ", " << capacity;
+            }
+        }
+    }
+}
+
 TEST(Filters, EncodeFilesManyLinesAtOnce)
 {
     std::mt19937 random;
@@ -64,6 +100,11 @@ TEST(Filters, EncodeFilesManyLinesAtOnce)
     CEString::EncodeBase64(bytes.data(), static_cast<std::int64_t>(bytes.size()), whole);
     const std::string wanted = std::regex_replace(whole.CStr(), std::regex(".{1,76}"), "$&\r\n");
 
+    for (std::size_t rank = 0; FindBase64LinesEncoder(rank) != nullptr; ++rank) {
+        std::string lines(900 * 78 + 1, '#');
+        FindBase64LinesEncoder(rank)(bytes.data(), 900, lines.data());
+        EXPECT_EQ(lines, wanted.substr(0, 900 * 78) + "#") << rank;
+    }
     for (const std::int32_t capacity : {79, 156, 157, 1000, 65536}) {
         IOFile file;
         file.SetName("lines.bin");

@@ -26,7 +26,7 @@ TEST(PropertySet, GrowsAndFindsWhatAMapFinds)
     for (const auto& [name, property] : wanted) {
         ASSERT_EQ(set.Find(name.c_str()), property.get()) << testing::PrintToString(name);
     }
-    EXPECT_TRUE(set.Find(nullptr) == wanted[""].get() && !set.Contains("AB"));
+    EXPECT_EQ(Failed({set.Find(nullptr) == wanted[""].get(), !set.Contains("AB")}), 0);
 }
 
 TEST(Properties, GiveTheirValueTruthAndParts)
@@ -38,22 +38,25 @@ TEST(Properties, GiveTheirValueTruthAndParts)
     CStringProperty text("text", set);
     for (const auto& [value, size, error, wanted] : cases) {
         char buffer[10] = "????";
-        EXPECT_TRUE(text.SetValue(value) && text.GetValue(buffer, size) == (error == 0)) << value << size;
-        EXPECT_TRUE(TakeError() == error && std::string(buffer) == wanted && !text.GetValue(nullptr, size));
+        EXPECT_EQ(Failed({text.SetValue(value), text.GetValue(buffer, size) == (error == 0)}), 0)
+            << value << size;
+        EXPECT_EQ(
+            Failed({TakeError() == error, std::string(buffer) == wanted, !text.GetValue(nullptr, size)}), 0);
         EXPECT_EQ(TakeError(), size > 0 && error == 0 ? 29 : 47) << value << size;
     }
     CBoolProperty flag("flag", set, 0x01020304);
     std::int32_t number = 5;
-    EXPECT_TRUE(!flag.GetValue(&number, 3) && number == 5 && TakeError() == 47 && flag.GetValue(&number, 4));
-    EXPECT_TRUE(number == 0x01020304 && !flag.GetValue(nullptr, 4) && TakeError() == 29);
+    EXPECT_EQ(Failed({!flag.GetValue(&number, 3), number == 5, TakeError() == 47, flag.GetValue(&number, 4)}),
+              0);
+    EXPECT_EQ(Failed({number == 0x01020304, !flag.GetValue(nullptr, 4), TakeError() == 29}), 0);
     const std::tuple<const char*, int, int> truths[] = {
         {"yes", 1, 0},    {"Ja", 1, 0},  {"7x", 1, 7},    {"tRuE", 1, 0},   {"no", 0, 0},
         {"0815", 0, 815}, {"", 0, 0},    {"False", 0, 0}, {"falsey", 0, 0}, {"on", 0, 0},
         {"truex", 0, 0},  {"-2", 1, -2}, {" 1", 1, 1},    {nullptr, 0, 0}}; // of a text property, and kept by
                                                                             // a boolean one
     for (const auto& [value, asText, asFlag] : truths) {
-        EXPECT_TRUE(text.SetValue(value) && text.GetBool() == asText) << text.GetCString();
-        EXPECT_TRUE(flag.SetValue(value) && flag.GetBool() == asFlag) << text.GetCString();
+        EXPECT_EQ(Failed({text.SetValue(value), text.GetBool() == asText}), 0) << text.GetCString();
+        EXPECT_EQ(Failed({flag.SetValue(value), flag.GetBool() == asFlag}), 0) << text.GetCString();
     }
     const std::pair<const char*, const char*> lists[] = {
         {"a;b", "|a|b|"}, {"a;;b", "|a||b|"}, {";a", "||a|"},         {"a;", "|a|"},
@@ -67,6 +70,6 @@ TEST(Properties, GiveTheirValueTruthAndParts)
         for (std::int32_t i = -1; i < list.GetPartCount(); ++i) { // what lies before the first is empty
             all += list.GetPart(i).CStr() + std::string("|");
         }
-        EXPECT_TRUE(all == wanted && list.GetPart(list.GetPartCount()).IsEmpty()) << all;
+        EXPECT_EQ(Failed({all == wanted, list.GetPart(list.GetPartCount()).IsEmpty()}), 0) << all;
     }
 }

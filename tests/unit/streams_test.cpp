@@ -142,4 +142,11 @@ TEST(Files, WriteAppendMarkAndReportWhatFails)
     file.SetName(".");
     EXPECT_TRUE(file.SeekBegin(0) && Take(file, 9) == "net" && TakeError() == 0 && file.GetFile().Close());
     EXPECT_TRUE(!file.IsAvailable() && file.GetSize() == 0 && TakeError() == 121);
+    struct : AFile
+    {
+        bool RawSeek(std::int64_t /*offset*/, int /*origin*/) override { return false; }
+    } stuck;
+    stuck.SetFileName("stuck");
+    EXPECT_FALSE(stuck.OpenAppend());
+    EXPECT_FALSE(stuck.IsOpen());
 }

@@ -17,10 +17,11 @@ TEST(Strings, TakePartsOfThemselvesGrowAreCutAndSorted)
     }
     text.Format("%s", ""); // frees the buffer
     text.Format("%3000s", "");
-    EXPECT_TRUE(text.View() == std::string(2047, ' ') && text.Reserve(2052) && text.GetCapacity() == 3075);
+    EXPECT_EQ(Failed({text.View() == std::string(2047, ' '), text.Reserve(2052), text.GetCapacity() == 3075}),
+              0);
     text = "abcde";
-    EXPECT_TRUE(text.Mid(3, 9) == "de" && text.Mid(1, 2) == "bc" && text.Left(5) == text);
-    EXPECT_TRUE(text.Mid(5, 1) == "" && text.Mid(-1, 2) == "" && text.Left(-1) == "");
+    EXPECT_EQ(Failed({text.Mid(3, 9) == "de", text.Mid(1, 2) == "bc", text.Left(5) == text}), 0);
+    EXPECT_EQ(Failed({text.Mid(5, 1) == "", text.Mid(-1, 2) == "", text.Left(-1) == ""}), 0);
     CEString::EncodeBase64((text = "\xFB\xFF\xBF??").CStr(), 4, text); // a part of its own text
     EXPECT_EQ(text, "+/+/Pw==");
     CEStringArray texts;
@@ -31,5 +32,5 @@ TEST(Strings, TakePartsOfThemselvesGrowAreCutAndSorted)
     texts.Add(texts.GetAt(-1)); // one that is not there is empty
     texts.RemoveAt(102);
     texts.Sort(); // by unsigned bytes
-    EXPECT_TRUE(texts.GetAt(0) == "" && texts.GetAt(52) == "b" && texts.GetAt(53) == "\xE4");
+    EXPECT_EQ(Failed({texts.GetAt(0) == "", texts.GetAt(52) == "b", texts.GetAt(53) == "\xE4"}), 0);
 }
