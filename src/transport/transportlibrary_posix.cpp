@@ -16,14 +16,22 @@ bool KeepTransport()
            dlopen(place.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
 }
 
+constinit std::atomic<bool> g_kept = false; // twice does no harm
+
+// With this library, not at the first connect: a child that another thread forks meanwhile would find the
+// loader's lock taken for good.
+[[gnu::constructor]] void KeepTransportFromTheStart()
+{
+    g_kept = KeepTransport();
+}
+
 } // namespace
 
 // The loader has loaded it with this library.
 bool LoadTransport(CEString& /*reason*/)
 {
-    static constinit std::atomic<bool> kept = false; // twice does no harm, and a guard could outlive a fork
-    if (!kept) {                                     // without memory it fails: the next connect tries again
-        kept = KeepTransport();
+    if (!g_kept) { // without memory it failed: the next connect tries again
+        g_kept = KeepTransport();
     }
     return true;
 }
