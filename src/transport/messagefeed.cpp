@@ -39,8 +39,12 @@ const char* CMessageFeed::Begin(CMail& job, int fieldCount)
     m_held = 0;
     // Behind other messages of the dialogue the bytes sent are not known: what may be needed is found before.
     m_written = m_several ? CTransportSocket::kWrite : 0;
-    // A stream of small writes is best gathered. Chunks are each answered: the end of each has to go out.
-    m_socket.SendAtOnce(!m_monitor.IsInData(), {m_monitor.GetReceived(), m_monitor.GetSent()});
+    // A stream of small writes is best gathered. Chunks are each answered: the end of each has to go out, and
+    // from the first of them on the dialogue shows nothing any more.
+    if (!m_monitor.IsInData()) {
+        m_socket.Look({.received = m_monitor.GetReceived(), .sent = m_monitor.GetSent(), .exact = true});
+    }
+    m_socket.SendAtOnce(!m_monitor.IsInData());
     m_source.Begin(job);
     return TellTransport(nullptr);
 }
@@ -128,11 +132,22 @@ void CMessageFeed::SendRest()
     if (!m_monitor.IsInData()) {
         m_socket.SendAtOnce(true); // the end of the chunks fills no segment
     } else if (!FitsOneWrite()) {
-        // Of the header lines the transport may have dropped some, and it has added more.
-        static constexpr std::uint64_t kDropped = 1024;
-        const std::uint64_t text = std::max(m_bytes, kDropped) - kDropped;
-        m_socket.SendAtOnce(
-            true, {m_monitor.GetReceived(), m_monitor.GetSent() + text - text % CTransportSocket::kWrite});
+        static constexpr std::uint64_t kField = 100; // the composer's, which the transport may have dropped
+        const std::uint64_t text = std::max(m_bytes, kField) - kField;
+        m_socket.Look({.received = m_monitor.GetReceived(),
+                       .sent = m_monitor.GetSent() + text - text % CTransportSocket::kWrite});
+        m_socket.SendAtOnce(true);
+    }
+}
+
+// Nothing of a message was handed over yet but its first chunk. The socket of one that fits one write is not
+// needed.
+void CMessageFeed::LookEarly(std::int32_t first)
+{
+    static constexpr std::size_t kHeader = 600; // the transport's, mostly
+    if (m_monitor.IsInData() && static_cast<std::size_t>(first) + kHeader > CTransportSocket::kWrite) {
+        m_socket.LookAmongOthers(
+            {.received = m_monitor.GetReceived(), .sent = m_monitor.GetSent(), .exact = true});
     }
 }
 
@@ -179,6 +194,9 @@ const char* CMessageFeed::Next(int& length)
         }
     }
     if (used > 0) {
+        if (m_handedOver < 0) {
+            LookEarly(used);
+        }
         m_heldAt = Shape(used);
         m_held = used - m_heldAt;
         m_handedOver = m_clock();

@@ -57,6 +57,7 @@ private:
     Pulled FailForMemory();
     [[nodiscard]] bool FitsOneWrite() const;
     void SendRest();
+    void LookEarly(std::int32_t first);
     std::int32_t Shape(std::int32_t used);
     bool HasStalled();
     bool IsLineTooLong(std::string_view pulled);

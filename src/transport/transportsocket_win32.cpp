@@ -15,10 +15,9 @@ void CTransportSocket::Release() noexcept
     m_atOnce = false;
 }
 
-void CTransportSocket::SendAtOnce(bool atOnce, const Traffic& /*seen*/) noexcept
-{
-    SendAtOnce(atOnce);
-}
+void CTransportSocket::Look(const Traffic& /*seen*/) noexcept {}
+
+void CTransportSocket::LookAmongOthers(const Traffic& /*seen*/) noexcept {}
 
 // This transport takes no chunks.
 std::size_t CTransportSocket::FillSegments(std::size_t /*most*/) noexcept
