@@ -44,7 +44,7 @@ def collect(build):
         "licenses/mingw-w64.txt": system / "doc/mingw-w64-x86-64-dev/copyright",
         f"source/{archive.name}": archive,
     }
-    for pattern in ("README.md", "docs/*.md", "include/*.h", "examples/*"):
+    for pattern in ("README.md", "docs/*.md", "include/*.h", "bindings/*/*.*", "examples/*"):
         files.update((path.relative_to(ROOT).as_posix(), path) for path in ROOT.glob(pattern))
     files.update((f"source/{path.relative_to(ROOT).as_posix()}", path)
                  for path in (ROOT / "esmtp-win32").rglob("*") if path.is_file())

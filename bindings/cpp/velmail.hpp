@@ -28,7 +28,7 @@
 #include <variant>
 #include <vector>
 
-#include <velmail.h>
+#include "velmail.h"
 
 namespace velmail {
 

@@ -16,8 +16,6 @@
 #include "system.h"
 #include "velmail.h"
 
-extern "C" int ExampleHost(int count, char** arguments); // examples/host.c
-
 namespace {
 
 // A text that says which part of it is which, of groups that are easy to encode.
@@ -322,29 +320,6 @@ TEST(Send, NeverEndsAMailThatCouldNotBeComposed)
             }
         }
     }
-}
-
-TEST(Send, FailsForOneRecipientOfTheExampleAndReachesTheOthers)
-{
-    const CTempFolder folder;
-    const std::string letter = folder.Write("letter.txt", "Hello\n");
-    CScriptedServer server({{.match = "MAIL", .action = EServerAction::Close, .connection = 1}});
-    std::string words[] = {"host", "127.0.0.1",        server.Port(),
-                           letter, "ada@host.example", "bob@host.example",
-                           "x",    "eve@host.example"};
-    std::vector<char*> arguments;
-    std::ranges::transform(words, std::back_inserter(arguments), [](auto& word) { return word.data(); });
-    testing::internal::CaptureStderr();
-    std::thread([&] {
-        SetUserLanguage("C");
-        EXPECT_EQ(ExampleHost(static_cast<int>(arguments.size()), arguments.data()), 1);
-        SetUserLanguage(nullptr);
-    }).join();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "send: error 664: Dropped connection\n"
-                                                      "send: error 650: No recipient specified\n");
-    ASSERT_EQ(server.Mails().size(), 2U);
-    EXPECT_EQ(server.Mails()[0].recipients, std::vector<std::string>{"bob@host.example"});
-    EXPECT_EQ(server.Mails()[1].recipients, std::vector<std::string>{"eve@host.example"});
 }
 
 // As an attachment, and as a text the thread's own trace.
