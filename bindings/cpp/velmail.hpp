@@ -32,6 +32,10 @@
 
 namespace velmail {
 
+namespace detail {
+class Job;
+} // namespace detail
+
 // What went wrong. Code 0 is a use that cannot work, such as a connection in two threads.
 class Error : public std::exception
 {
@@ -65,8 +69,8 @@ template<class Value>
 class Outcome
 {
 public:
-    Outcome(Value value) : m_held(std::move(value)) {} // NOLINT(google-explicit-constructor)
-    Outcome(Error error) : m_held(std::move(error)) {} // NOLINT(google-explicit-constructor)
+    Outcome(Value value) : m_held(std::move(value)) {}
+    Outcome(Error error) : m_held(std::move(error)) {}
     explicit operator bool() const noexcept { return m_held.index() == 0; }
     // Only while it is true,
     Value& operator*() noexcept { return *std::get_if<0>(&m_held); }
@@ -110,6 +114,9 @@ public:
     template<class Bytes>
     static Attachment Memory(Bytes&& bytes, std::string name, std::string mimeType = {})
     {
+        static_assert(!std::is_array_v<std::remove_reference_t<Bytes>> ||
+                          std::is_const_v<std::remove_reference_t<Bytes>>,
+                      "Pass a view that knows its length.");
         Attachment made(std::move(name), std::move(mimeType));
         if constexpr (!std::is_lvalue_reference_v<Bytes>) {
             auto kept = std::make_shared<const std::decay_t<Bytes>>(std::forward<Bytes>(bytes));
@@ -124,7 +131,7 @@ public:
     }
 
 private:
-    friend class Job;
+    friend class detail::Job;
     Attachment(std::string name, std::string mimeType)
         : m_name(std::move(name)), m_mimeType(std::move(mimeType))
     {
@@ -162,16 +169,16 @@ struct Settings
     std::string protocol = "SMTP"; // "SUBMISSION", "MAPI"
     std::string server = "localhost";
     std::string port{}; // empty: 25, with SUBMISSION 587
-    std::string
-        security{}; // with SUBMISSION, as all that follow: "STARTTLS", "TLS", "NONE", or empty: by the port
+    // Up to the mechanism with SUBMISSION only. Empty: by the port; "STARTTLS", "TLS", "NONE".
+    std::string security{};
     std::string caFile{};
     std::string login{};
     std::string password{};
     std::string mechanism{};
     std::string charset = "UTF-8"; // of the program's strings
     unsigned timeout = 0;          // seconds; 0: the library's own limits
-    std::vector<std::pair<std::string, std::string>>
-        properties{}; // others by name, such as MailRecipientCheck
+    // Others by their names, such as MailRecipientCheck.
+    std::vector<std::pair<std::string, std::string>> properties{};
 };
 
 // Bytes of text and attachments of a send: all, and those read so far. Any thread may call it. It must
@@ -185,7 +192,7 @@ public:
     void Cancel() noexcept { m_words[2].store(1, std::memory_order_relaxed); }
 
 private:
-    friend class Job;
+    friend class detail::Job;
     alignas(8) std::array<std::atomic<std::uint64_t>, 3> m_words{}; // the library writes and reads it
     static_assert(sizeof(m_words) == 24 && std::atomic<std::uint64_t>::is_always_lock_free);
 };
@@ -265,8 +272,6 @@ inline bool WasTaken(std::string_view report) noexcept
     return report.empty() || report[0] == '2' || report.find("\n2") != std::string_view::npos;
 }
 
-} // namespace detail
-
 // Sets properties, up to the first that fails; holds what they name until the mail is sent.
 class Job
 {
@@ -287,10 +292,10 @@ public:
             return;
         }
         if (value.find('\0') != std::string::npos) {
-            m_failure.emplace(name, detail::kInvalidValue, "There is a NUL in the value.");
+            m_failure.emplace(name, kInvalidValue, "There is a NUL in the value.");
         } else if (VelMailSetProperty(name, value.c_str()) == 0) {
-            const int code = detail::Code();
-            m_failure = detail::Failed(name, code != 0 ? code : detail::kUnknownName);
+            const int code = Code();
+            m_failure = Failed(name, code != 0 ? code : kUnknownName);
         }
     }
     void Describe(const Settings& settings);
@@ -305,7 +310,7 @@ private:
         for (const auto& part : parts) {
             const std::string& value = text(part);
             if (!m_failure && value.find(';') != std::string::npos) {
-                m_failure.emplace(name, detail::kInvalidValue, "There is a ';' in '" + value + "'.");
+                m_failure.emplace(name, kInvalidValue, "There is a ';' in '" + value + "'.");
             }
             list += (&part == &*std::begin(parts) ? "" : ";") + value;
         }
@@ -359,16 +364,18 @@ inline void Job::Describe(const Settings& settings)
 
 inline void Job::Describe(const Mail& mail, const Settings& settings, Progress* progress)
 {
-    SetAddresses("MailSenderMailBox", "MailSenderFullName", {mail.from});
+    Set("MailSenderMailBox", mail.from.mailbox);
+    Set("MailSenderFullName", mail.from.name);
     SetAddresses("MailRecipientsMailBox", "MailRecipientsFullName", mail.to);
     SetAddresses("MailCCRecipientsMailBox", "MailCCRecipientsFullName", mail.cc);
     SetAddresses("MailBCCRecipientsMailBox", "MailBCCRecipientsFullName", mail.bcc);
-    SetAddresses("MailReplyToMailBox", "MailReplyToFullName", {mail.replyTo});
+    Set("MailReplyToMailBox", mail.replyTo.mailbox);
+    Set("MailReplyToFullName", mail.replyTo.name);
     Set("MailSubject", mail.subject);
     Set("UseBulkMail", mail.bulk ? "1" : "0");
     Set("MailAdditionalSMTPHeader", mail.headers);
     if (!m_failure && !mail.headers.empty() && settings.protocol != "SUBMISSION") {
-        m_failure.emplace("headers", detail::kInvalidValue, "Header lines are sent with SUBMISSION only.");
+        m_failure.emplace("headers", kInvalidValue, "Header lines are sent with SUBMISSION only.");
     }
     SetText(mail, settings.charset);
     SetAttachments(mail.attachments);
@@ -445,7 +452,7 @@ inline std::string_view Job::Read(const Attachment& attachment)
     if (reason || !file.is_open() ||
         !file.read(content.data(), static_cast<std::streamsize>(content.size()))) {
         if (!m_failure) {
-            m_failure.emplace("MailAttachmentFilename", detail::kAttachment,
+            m_failure.emplace("MailAttachmentFilename", kAttachment,
                               "The file " + attachment.m_name + " cannot be read" +
                                   (reason ? ": " + reason.message() : "") + '.');
         }
@@ -453,6 +460,8 @@ inline std::string_view Job::Read(const Attachment& attachment)
     }
     return *m_files.emplace_back(std::make_unique<const std::string>(std::move(content)));
 }
+
+} // namespace detail
 
 #if defined(__cpp_exceptions)
 // Failures are thrown, as Error.
@@ -542,7 +551,7 @@ Outcome<BasicConnection<Policy>> BasicConnection<Policy>::Connect(Settings setti
             return detail::Failed("connect", detail::kNoTrace);
         }
     }
-    Job job;
+    detail::Job job;
     job.Describe(settings);
     if (job.Failure()) {
         detail::Disconnect();
@@ -563,9 +572,9 @@ template<class Policy>
 Outcome<Sent> BasicConnection<Policy>::Deliver(const Mail& mail, Progress* progress)
 {
     if (m_number == 0 || m_number != detail::t_open) {
-        return Error("send", 0, "The connection belongs to another thread; make one for each thread.");
+        return Error("send", 0, "The connection is not this thread's; make one for each thread.");
     }
-    Job job;
+    detail::Job job;
     job.Describe(mail, m_settings, progress);
     if (job.Failure()) {
         return std::move(*job.Failure());

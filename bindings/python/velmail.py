@@ -22,8 +22,8 @@ from typing import Callable, Iterable, Union
 
 __all__ = ["Attachment", "Connection", "Error", "Mail", "Progress", "Sent", "connect", "version"]
 
-# "bob@example.com", "Bob <bob@example.com>, eve@example.com", or a list of these or of pairs (name, address)
-Addresses = Union[str, Iterable[Union[str, "tuple[str, str]"]]]
+# "bob@example.com", "Bob <bob@example.com>, eve@example.com", a pair (name, address), or a list of these
+Addresses = Union[str, "tuple[str, str]", Iterable[Union[str, "tuple[str, str]"]]]
 
 _INVALID_VALUE, _UNKNOWN_NAME, _REFUSED, _NO_TRACE = 100, 99, 62, 17
 _PATHS = {"MailSecurityCAFile", "MailTextFilename", "MailTraceFilename", "MailWorkSpace"}
@@ -73,11 +73,11 @@ class Mail:
     """A text of type str is sent in the connection's charset, bytes as they are. An attachment may also be a path."""
 
     sender: Addresses = ""
-    to: Addresses = ()
+    to: Addresses = ""
     subject: str = ""
     text: "str | bytes" = ""
-    cc: Addresses = ()
-    bcc: Addresses = ()
+    cc: Addresses = ""
+    bcc: Addresses = ""
     reply_to: Addresses = ""
     content_type: str = "text/plain"  # the charset is added where it is missing
     attachments: "Iterable[Attachment | str | os.PathLike[str]]" = ()
@@ -220,12 +220,14 @@ class Connection:
         self._set(name, self._encode(name, ";".join(parts)))
 
     def _describe(self, mail: Mail, memory: _Memory) -> None:
-        for name, given, most in (("MailSender", mail.sender, 1), ("MailReplyTo", mail.reply_to, 1),
-                                  ("MailRecipients", mail.to, None), ("MailCCRecipients", mail.cc, None),
-                                  ("MailBCCRecipients", mail.bcc, None)):
-            pairs = _pairs(given)
-            if most and len(pairs) > most:
+        for name, given in ("MailSender", mail.sender), ("MailReplyTo", mail.reply_to):
+            pairs = _pairs(given) or [("", "")]
+            if len(pairs) > 1:
                 raise Error(name + "MailBox", _INVALID_VALUE, "There can be one address only.")
+            self._set(name + "MailBox", self._encode(name + "MailBox", pairs[0][1]))
+            self._set(name + "FullName", self._encode(name + "FullName", pairs[0][0]))
+        for name, given in (("MailRecipients", mail.to), ("MailCCRecipients", mail.cc), ("MailBCCRecipients", mail.bcc)):
+            pairs = _pairs(given)
             self._set_list(name + "MailBox", (address for _, address in pairs))
             self._set_list(name + "FullName", (full_name for full_name, _ in pairs))
         if mail.headers and not self._submission:
@@ -393,7 +395,7 @@ def _disconnect() -> None:
 def _pairs(given: Addresses) -> "list[tuple[str, str]]":
     """(name, address) of each."""
     pairs: "list[tuple[str, str]]" = []
-    for each in [given] if isinstance(given, str) else given:
+    for each in [given] if isinstance(given, (str, tuple)) else given:
         pairs += email.utils.getaddresses([each]) if isinstance(each, str) else [each]
     return [pair for pair in pairs if any(pair)]
 
