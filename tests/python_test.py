@@ -1,5 +1,6 @@
 """The layer for Python: what it adds to the ten functions, against a real server. Usage: python_test.py LIBRARY"""
 
+import ctypes
 import email.message
 import email.policy
 import os
@@ -20,6 +21,11 @@ TEXT = "Grüße, 10 €\n"
 
 def letter(**more):
     return velmail.Mail(**{"sender": "Ada <ada@host.example>", "to": "bob@host.example", "subject": "Hello", "text": TEXT} | more)
+
+
+def knows(name):
+    size = ctypes.create_string_buffer(12)
+    return velmail._library().VelMailGetProperty(name, size, 0)
 
 
 class PythonLayer(unittest.TestCase):
@@ -76,6 +82,34 @@ class PythonLayer(unittest.TestCase):
         for wrong in velmail.connect, lambda: connection.close() or connection.send(letter()):
             self.assertRaises(velmail.Error, wrong)
         self.assertEqual(len(self.inbox.mails), 1)
+
+    @unittest.skipUnless(knows(b"MailDeliveryReport"), "a library without reports")
+    def test_reports_tell_who_was_refused(self):
+        connection = self.connect()
+        sent = connection.send(letter(to="bob@host.example, nobody@host.example"))
+        self.assertEqual(sent.refused, ["550 nobody@host.example 5.1.1 no such user"])
+        self.assertRegex(sent.report, "^250 bob@host.example .*\n550 ")
+        for to, code, report in ("nobody", 62, "550 nobody@host.example 5.1.1 no such user\n"), ("lost", 664, "0 lost@host.example "):
+            with self.assertRaises(velmail.Error) as caught:
+                connection.send(letter(to=to + "@host.example"))
+            self.assertEqual((caught.exception.code, caught.exception.report[:len(report)]), (code, report))
+
+    @unittest.skipUnless(knows(b"MailProgressMemoryAddress"), "a library without progress")
+    def test_progress_is_told_and_a_send_cancelled(self):
+        for protocol in {"protocol": "SMTP"}, {"protocol": "SUBMISSION", "security": "NONE"}:
+            connection, seen, content = self.connect(**protocol), [], os.urandom(3_000_000)
+            mail = letter(attachments=[velmail.Attachment(content, "part.bin")])
+            connection.send(mail, lambda progress: seen.append((progress.done, progress.total)))
+            self.assertEqual(seen[-1], (len(content) + len(TEXT.encode()),) * 2)
+            self.inbox.mails.clear()
+            cancelled = velmail.Progress()
+            cancelled.cancel()
+            for progress, failure in (cancelled, "error 151"), (lambda _: [][0], "list index"):
+                self.assertRaisesRegex((velmail.Error, IndexError), failure, connection.send, mail, progress)
+            self.assertEqual(self.inbox.mails[1:], [])  # the function may have been late
+            connection.send(letter())
+            connection.close()
+            self.assertRaisesRegex(velmail.Error, "error 100", velmail.connect, "127.0.0.1", self.inbox.port, timeout=0, **protocol)
 
     def test_texts_arrive_in_each_charset(self):
         (self.folder / "für März.txt").write_bytes(b"x")
