@@ -128,6 +128,41 @@ TEST(CppLayer, TellsCodesWhereverTheySurface)
     EXPECT_EQ(server.Mails().size(), 1U);
 }
 
+TEST(CppLayer, ReportsAndCancels)
+{
+    bool known = false;
+    std::thread([&] {
+        char size[12];
+        known = VelMailGetProperty("MailProgressMemoryAddress", size, 0) != 0;
+    }).join();
+    if (!known) {
+        GTEST_SKIP() << "a library without it";
+    }
+    CScriptedServer server({{.match = "RCPT", .nth = 2, .reply = "550 no\r\n", .connection = 1},
+                            {.match = "RCPT", .reply = "550 no\r\n", .connection = 2}});
+    std::thread([&] {
+        auto connection = ResultConnection::Open(At(server.Port()));
+        ASSERT_TRUE(connection);
+        Mail mail = Letter();
+        mail.to.emplace_back("eve@host.example");
+        velmail::Progress progress;
+        auto sent = connection->Send(mail, &progress);
+        ASSERT_TRUE(sent);
+        EXPECT_NE(sent->report.find("\n550 eve@host.example no\n"), std::string::npos) << sent->report;
+        EXPECT_EQ(progress.Done(), mail.text.size());
+        EXPECT_EQ(progress.Total(), mail.text.size());
+        sent = connection->Send(mail);
+        ASSERT_FALSE(sent) << "refused for everybody";
+        EXPECT_EQ(sent.Failure().Code(), 62);
+        EXPECT_EQ(CountOf(sent.Failure().Report(), "550 "), 2U);
+        progress.Cancel();
+        sent = connection->Send(mail, &progress);
+        ASSERT_FALSE(sent);
+        EXPECT_EQ(sent.Failure().Code(), 151);
+    }).join();
+    EXPECT_EQ(server.Mails().size(), 1U);
+}
+
 TEST(CppLayer, AttachesFilesAndMemoryOfAnyKind)
 {
     const CTempFolder folder;
