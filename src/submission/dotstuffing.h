@@ -18,7 +18,6 @@ public:
 
 private:
     const bool m_doubleDots;
-    bool m_lineStart = true;
-    bool m_afterReturn = false; // the last byte given out was a CR
+    char m_last = '\n'; // byte that was given out
     std::string m_changed;
 };

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <random>
+#include <utility>
 
 #include "src-baselib/cepaths.h"
 #include "src-baselib/errorcodes.h"
@@ -148,7 +149,8 @@ std::int64_t CStandardComposer::EstimateSize()
     if (m_boundary.empty()) { // all are of one length
         m_boundary = DrawBoundary();
     }
-    std::int64_t size = m_textSize + static_cast<std::int64_t>(Header().size());
+    m_header = Header();
+    std::int64_t size = m_textSize + static_cast<std::int64_t>(m_header.size());
     for (std::int32_t i = 0; i < m_job->Attachments().GetCount(); ++i) {
         const CMailAttachment& attachment = *m_job->Attachments().At(i);
         const std::int64_t bytes = attachment.GetContentSize();
@@ -254,6 +256,7 @@ void CStandardComposer::Begin(CMail& job)
         m_boundary = DrawBoundary();
     }
     m_step = Step::Header;
+    m_header.clear();
     m_pending.clear();
     m_sent = 0;
     m_stream = nullptr;
@@ -299,7 +302,7 @@ bool CStandardComposer::Compose()
 {
     switch (m_step) {
     case Step::Header:
-        m_pending = Header();
+        m_pending = m_header.empty() ? Header() : std::exchange(m_header, {});
         m_stream = m_job->Text().OpenStream();
         m_step = Step::Text;
         return true;

@@ -77,6 +77,7 @@ private:
     PullState m_state = PullState::Failed; // until the first message begins
     Step m_step = Step::Header;
     std::string m_boundary;
+    std::string m_header;  // of the message that has begun, if it was made already
     std::string m_pending; // goes out first, from m_sent on
     std::size_t m_sent = 0;
     IOElement* m_stream = nullptr; // the text's or the current attachment's; the job's

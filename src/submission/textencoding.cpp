@@ -1,7 +1,5 @@
 #include "src/submission/textencoding.h"
 
-#include <algorithm>
-
 #include "src/submission/ascii.h"
 #include "src/submission/headertext.h"
 
@@ -35,9 +33,10 @@ void SplitLines(std::string_view piece, bool& afterCr, OnText onText, OnLineEnd 
     }
 }
 
-bool IsPlainLine(std::string_view text, std::size_t column)
+// ASCII without NUL.
+bool IsPlainText(std::string_view text)
 {
-    return column + text.size() <= kLongestLine && IsAscii(text) && text.find('\0') == std::string_view::npos;
+    return CountOf(text, [](char c) { return static_cast<signed char>(c) <= 0; }) == 0;
 }
 
 constexpr bool IsEscaped(char c)
@@ -45,18 +44,27 @@ constexpr bool IsEscaped(char c)
     return !(IsVisible(c) || IsBlank(c)) || c == '=';
 }
 
+// As above, but for line ends, without a branch.
+bool IsEscapedInLine(char c)
+{
+    const bool control = static_cast<unsigned char>(c) < ' ';
+    const bool kept = (c == '\t') | (c == '\r') | (c == '\n');
+    return (control & !kept) | (static_cast<unsigned char>(c) >= 0x7F) | (c == '=');
+}
+
 } // namespace
 
 void CTextScan::Add(std::string_view piece)
 {
     m_utf8.Add(piece);
+    m_plain = m_plain && IsPlainText(piece);
+    m_escaped += static_cast<std::int64_t>(CountOf(piece, IsEscapedInLine));
     SplitLines(
         piece, m_afterCr,
         [this](std::string_view text) {
-            m_plain = m_plain && IsPlainLine(text, m_column);
             m_column += text.size();
+            m_plain = m_plain && m_column <= kLongestLine;
             m_bytes += static_cast<std::int64_t>(text.size());
-            m_escaped += std::count_if(text.begin(), text.end(), IsEscaped);
         },
         [this] {
             m_column = 0;
@@ -76,7 +84,7 @@ std::int64_t CTextScan::EncodedSize() const
 
 bool CTextEncoder::Add(std::string_view piece, std::string& out)
 {
-    bool succeeded = true;
+    bool succeeded = !m_plain || IsPlainText(piece);
     SplitLines(
         piece, m_afterCr,
         [&](std::string_view text) {
@@ -84,9 +92,9 @@ bool CTextEncoder::Add(std::string_view piece, std::string& out)
                 AddQuoted(text, out);
                 return;
             }
-            succeeded = succeeded && IsPlainLine(text, m_column);
             out.append(text);
             m_column += text.size();
+            succeeded = succeeded && m_column <= kLongestLine;
         },
         [&] { EndLine(out); });
     return succeeded;

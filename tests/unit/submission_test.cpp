@@ -68,6 +68,21 @@ TEST(DotStuffing, MakesLinesFitCutAnywhere)
         {"\n.\n", "\r\n.\r\n", "\r\n..\r\n"},
         {"\r\r\n\n\r", "\r\n\r\n\r\n\r\n", "\r\n\r\n\r\n\r\n"},
     };
+    std::string all; // on every place of a long piece, which is taken in blocks
+    for (const auto& row : cases) {
+        for (std::size_t i = 0; i < 130; ++i) {
+            all.append(row.bytes).append(i, 'x').append(i % 2 == 0 ? "\r\n" : "");
+        }
+    }
+    for (const bool data : {false, true}) {
+        CDotStuffing whole(data);
+        CDotStuffing cut(data);
+        std::string pieces;
+        for (const char& byte : all) {
+            pieces += cut.Take({&byte, 1});
+        }
+        EXPECT_EQ(whole.Take(all), pieces) << data;
+    }
     for (const auto& row : cases) {
         const std::string_view bytes = row.bytes;
         for (const bool data : {false, true}) {
