@@ -11,10 +11,16 @@
 
 namespace {
 
-constexpr std::size_t kRoom = 262'144;   // bytes of one chunk, and of a piece of DATA
 constexpr std::size_t kGroup = 16'384;   // bytes of commands sent together
 constexpr std::size_t kGathered = 8'192; // bytes that go out with the command before them, copied
 constexpr std::size_t kReceive = 4'096;
+
+// Bytes of a piece of DATA, and of a chunk. What is small is still in the processor's nearest memory when it
+// is sent; a chunk whose answer is waited for should be large.
+std::size_t RoomSize(const SubmissionOffer& offer)
+{
+    return !offer.chunking ? 32'768 : offer.pipelining ? 65'536 : 262'144;
+}
 
 constexpr int kServiceEnds = 421;
 constexpr int kGoAhead = 354;
@@ -60,7 +66,7 @@ SubmissionOffer SubmissionOffer::Read(std::string_view replyText)
 }
 
 CSubmissionDialogue::CSubmissionDialogue(CWire& wire, const SubmissionOffer& offer)
-    : m_wire(wire), m_offer(offer), m_room(new char[kRoom])
+    : m_wire(wire), m_offer(offer), m_roomSize(RoomSize(offer)), m_room(new char[m_roomSize])
 {
 }
 
@@ -122,8 +128,8 @@ bool CSubmissionDialogue::SendEnvelope(std::int64_t size)
 bool CSubmissionDialogue::Pull(CMessageSource& source, std::string_view& piece, bool& end)
 {
     std::size_t used = 0;
-    while (!end && kRoom - used >= CMessageSource::kSmallestRoom) {
-        const Pulled pulled = source.Next(m_room.get() + used, static_cast<std::int32_t>(kRoom - used));
+    while (!end && m_roomSize - used >= CMessageSource::kSmallestRoom) {
+        const Pulled pulled = source.Next(m_room.get() + used, static_cast<std::int32_t>(m_roomSize - used));
         used += static_cast<std::size_t>(pulled.count);
         end = pulled.state == PullState::End;
         if (pulled.state == PullState::Failed) {

@@ -126,6 +126,7 @@ private:
     bool m_inBody = false;
     bool m_sizeGiven = false;
     std::int64_t m_limit = kReplyLimit;
+    const std::size_t m_roomSize;
     std::unique_ptr<char[]> m_room;
     std::string m_gathered;
 };
