@@ -37,6 +37,7 @@ class Sink:
 
     def __init__(self, build, *options):
         self.chunking = "--chunking" in options
+        self.tls = options[options.index("--tls") + 1] if "--tls" in options else ""
         self.process = subprocess.Popen([os.path.join(build, "bench_sink"), *options], text=True,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.port = self.process.stdout.readline().strip()
@@ -44,8 +45,8 @@ class Sink:
     def totals(self):
         self.process.stdin.write("\n")
         self.process.stdin.flush()
-        mails, size = self.process.stdout.readline().split()
-        return int(mails), int(size)
+        mails, size, seconds = self.process.stdout.readline().split()
+        return int(mails), int(size), float(seconds)
 
     def close(self):
         self.process.stdin.close()
@@ -130,15 +131,19 @@ class Senders:
 
         Returns None when it took too long.
         """
-        command = [*under, os.path.join(self.build, "peer_" + peer), "--port", sink.port, "--text", mail.text,
+        program = ([sys.executable, os.path.join(os.path.dirname(__file__), "peer_smtplib.py")]
+                   if peer == "smtplib" else [os.path.join(self.build, "peer_" + peer)])
+        command = [*under, *program, "--port", sink.port, "--text", mail.text,
                    "--composed", mail.composed]
         if mail.attachment:
             command += ["--attachment", mail.attachment]
         if sink.chunking:
             command += ["--chunking", "1"]
+        if sink.tls:
+            command += ["--tls", sink.tls]
         for name, value in options.items():
             command += ["--" + name.replace("_", "-"), str(value)]
-        mails, size = sink.totals()
+        before = sink.totals()
         try:
             done = subprocess.run(command, stdout=subprocess.PIPE, text=True, timeout=self.limit,
                                   env=self.environment)
@@ -148,7 +153,7 @@ class Senders:
         if done.returncode != 0:
             raise SystemExit(f"{peer} failed: {' '.join(command)}")
         result = json.loads(done.stdout)
-        arrived, arrived_size = (now - then for now, then in zip(sink.totals(), (mails, size)))
+        arrived, arrived_size, result["sink"] = (now - then for now, then in zip(sink.totals(), before))
         if arrived != result["mails"] or arrived_size < arrived * mail.payload:
             raise SystemExit(f"{peer}: {result['mails']} mails sent, {arrived} arrived, {arrived_size} bytes")
         if arrived > 0:
@@ -156,6 +161,20 @@ class Senders:
             result["work"] = result["processor"] / arrived
             result["slow"] = 1000 * result["slow"] / arrived
         return result
+
+
+def median(results, field):
+    values = [result[field] for result in results if result is not None and field in result]
+    return statistics.median(values) if values else None
+
+
+def ratios(ours, theirs, field="rate"):
+    """Ours over theirs, turn by turn."""
+    return [a[field] / b[field] for a, b in zip(ours, theirs) if a and b and a.get(field) and b.get(field)]
+
+
+def ratio_text(values):
+    return f"{statistics.median(values):.2f} ({min(values):.2f}–{max(values):.2f})" if values else "–"
 
 
 def say(text):

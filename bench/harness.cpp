@@ -1,14 +1,14 @@
 // The program around each sender of the benchmark.
 //
 // peer_NAME --port N --text FILE [--attachment FILE] --composed FILE [--chunking 1]
-//           [--memory 1] [--attachment-memory 1] [--threads N] [--mails N] [--seconds S] [--connect
-//           each|once]
+//           [--memory 1] [--attachment-memory 1] [--protocol SUBMISSION] [--tls PEMFILE] [--recipients N]
+//           [--threads N] [--mails N] [--seconds S] [--connect each|once]
 //
 // Each thread sends N mails, or fewer when the time is over: with a connection for each mail ("each"), or all
 // within one ("once"). Prints one line of JSON: mails, seconds, processor seconds, peak resident memory, for
 // "each" how many mails were so slow that an acknowledgement must have been waited for, and for "once" what
-// the first and the last hundred sends took and the resident memory after each of them. With 0 mails the
-// program only starts and shows what an idle process holds.
+// a send took, likewise the first and the last hundred sends, and the resident memory after each of them.
+// With 0 mails the program only starts and shows what an idle process holds.
 #include "harness.h"
 
 #include <algorithm>
@@ -25,8 +25,9 @@
 #include <thread>
 #include <vector>
 
-#include <sys/resource.h>
 #include <unistd.h>
+
+#include "processor.h"
 
 namespace {
 
@@ -85,16 +86,6 @@ long PeakKilobytes()
         }
     }
     return 0;
-}
-
-double ProcessorSeconds()
-{
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 double Since(Clock::time_point start)
@@ -163,6 +154,10 @@ double MedianMicroseconds(std::vector<double> seconds)
 void PrintGrowth(const Growth& growth)
 {
     const std::vector<double>& times = growth.sendSeconds;
+    if (times.empty()) {
+        return;
+    }
+    std::printf(", \"send_us\": %.3f", MedianMicroseconds(times));
     if (times.size() < 2 * kGroup) {
         return; // too few to compare
     }
@@ -212,6 +207,15 @@ std::map<std::string, std::string> ReadOptions(int argc, char** argv)
 
 } // namespace
 
+std::vector<std::string> Recipients(const Mail& mail)
+{
+    std::vector<std::string> addresses = {kRecipient};
+    for (int i = 1; i < mail.recipients; ++i) {
+        addresses.push_back("bob" + std::to_string(i) + "@example.net");
+    }
+    return addresses;
+}
+
 std::string ReadWholeFile(const std::string& name)
 {
     // In one piece: the peak of memory that is measured must be the sender's.
@@ -240,7 +244,10 @@ int main(int argc, char** argv)
                  options["--composed"],
                  number("--chunking", 0) != 0,
                  number("--memory", 0) != 0,
-                 number("--attachment-memory", 0) != 0};
+                 number("--attachment-memory", 0) != 0,
+                 options["--protocol"],
+                 options["--tls"],
+                 static_cast<int>(number("--recipients", 1))};
     plan.threads = static_cast<int>(number("--threads", 1));
     plan.mails = static_cast<std::size_t>(number("--mails", 1));
     plan.seconds = number("--seconds", plan.seconds);

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "version.h"
 
@@ -23,6 +24,9 @@ struct Mail
     bool chunking = false;      // the server offers CHUNKING; for the sender that does not ask
     bool textInMemory = false;  // the sender has read the text file before it begins
     bool attachmentInMemory = false; // likewise the attachment; VEL mail alone
+    std::string protocol;            // VEL mail's MailProtocol; for libcurl not empty: the composed mail
+    std::string tls;                 // a PEM file with the certificate to trust; empty: in clear
+    int recipients = 1;
 };
 
 // Sends one mail again and again. Each thread has its own and makes it itself.
@@ -42,6 +46,8 @@ public:
 
 std::unique_ptr<Peer> MakePeer(const Mail& mail);
 
+// The recipients' addresses.
+std::vector<std::string> Recipients(const Mail& mail);
 std::string ReadWholeFile(const std::string& name);
 // Unique within the process; for senders that must bring their own.
 std::string MakeMessageId();

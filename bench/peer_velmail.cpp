@@ -35,11 +35,15 @@ public:
             m_attachment = ReadWholeFile(mail.attachmentFile);
             VelMailSetProperty("MailAttachmentMemoryAddress", Block(m_attachment).c_str());
         }
+        std::string recipients;
+        for (const std::string& address : Recipients(mail)) {
+            recipients.append(recipients.empty() ? "" : ";").append(address);
+        }
         const std::pair<const char*, const char*> properties[] = {
             {"MailServer", kServer},
             {"MailServerPort", mail.port.c_str()},
             {"MailSenderMailBox", kSender},
-            {"MailRecipientsMailBox", kRecipient},
+            {"MailRecipientsMailBox", recipients.c_str()},
             {"MailSubject", kSubject},
             {"MailTextFilename", mail.textInMemory ? "" : mail.textFile.c_str()},
             {"MailAttachmentFilename", mail.attachmentFile.c_str()},
@@ -47,6 +51,11 @@ public:
         };
         for (const auto& [name, value] : properties) {
             VelMailSetProperty(name, value);
+        }
+        if (!mail.protocol.empty()) {
+            VelMailSetProperty("MailProtocol", mail.protocol.c_str());
+            VelMailSetProperty("MailSecurity", mail.tls.empty() ? "NONE" : "TLS");
+            VelMailSetProperty("MailSecurityCAFile", mail.tls.c_str());
         }
     }
 

@@ -1,48 +1,21 @@
-// Sends with nothing but system calls: the least dialogue that SMTP allows around write() of the composed
-// text, which lies in memory. What the machine and the sink can do at most.
+// Sends with nothing but system calls, or OpenSSL's: the least dialogue that SMTP allows around a write of
+// the composed text, which lies in memory. What the machine and the sink can do at most.
 #include "harness.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <optional>
 #include <string_view>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
+
+#include "line.h"
+#include "mappedfile.h"
 
 namespace {
-
-constexpr std::size_t kWriteSize = 65536;
-
-// A file's content, mapped and brought into memory.
-class MappedFile
-{
-public:
-    explicit MappedFile(const std::string& name)
-    {
-        const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC);
-        struct stat status = {};
-        fstat(file, &status);
-        m_size = static_cast<std::size_t>(status.st_size);
-        m_data = mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, file, 0);
-        close(file);
-    }
-    MappedFile(const MappedFile&) = delete;
-    MappedFile& operator=(const MappedFile&) = delete;
-    ~MappedFile() { munmap(m_data, m_size); }
-
-    [[nodiscard]] std::string_view View() const { return {static_cast<const char*>(m_data), m_size}; }
-
-private:
-    void* m_data = nullptr;
-    std::size_t m_size = 0;
-};
 
 std::string Header()
 {
@@ -55,11 +28,14 @@ std::string Header()
 class WritePeer : public Peer
 {
 public:
-    explicit WritePeer(const Mail& mail) : m_mail(mail), m_text(mail.composedFile) {}
+    explicit WritePeer(const Mail& mail)
+        : m_mail(mail), m_text(mail.composedFile), m_context(MakeTlsContext(mail.tls, false))
+    {
+    }
 
     bool Connect() override
     {
-        m_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         unsigned short port = 0;
@@ -67,9 +43,10 @@ public:
         address.sin_port = htons(port);
         inet_pton(AF_INET, kServer, &address.sin_addr);
         const int on = 1;
-        setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        return connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && Expect('2') &&
-               Command("EHLO bench\r\n", '2');
+        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        m_line.emplace(socket, m_context.get());
+        return connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+               m_line->Connect() && Expect('2') && Command("EHLO bench\r\n", '2');
     }
 
     bool Send() override
@@ -82,7 +59,7 @@ public:
     bool Disconnect() override
     {
         const bool taken = Command("QUIT\r\n", '2');
-        close(m_socket);
+        m_line.reset();
         return taken;
     }
 
@@ -105,13 +82,9 @@ private:
 
     bool Write(std::string_view text)
     {
-        while (!text.empty()) {
-            const ssize_t count = write(m_socket, text.data(), std::min(text.size(), kWriteSize));
-            if (count <= 0) {
-                std::perror("write");
-                return false;
-            }
-            text.remove_prefix(static_cast<std::size_t>(count));
+        if (!m_line->Send(text)) {
+            std::perror("write");
+            return false;
         }
         return true;
     }
@@ -120,8 +93,7 @@ private:
     bool Expect(char wanted)
     {
         char reply[512];
-        const ssize_t count = read(m_socket, reply, sizeof reply);
-        if (count <= 0 || reply[0] != wanted) {
+        if (m_line->Receive(reply, sizeof reply) == 0 || reply[0] != wanted) {
             std::fprintf(stderr, "unexpected answer\n");
             return false;
         }
@@ -130,7 +102,8 @@ private:
 
     Mail m_mail;
     MappedFile m_text;
-    int m_socket = -1;
+    TlsContext m_context;
+    std::optional<Line> m_line;
 };
 
 } // namespace

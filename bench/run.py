@@ -13,8 +13,9 @@ import sys
 import tempfile
 import time
 
-from common import (GB, KB, MB, PEERS, Goals, MailFiles, Senders, Sink, machine, number, one_processor, say,
-                    size_text, table)
+import submission
+from common import (GB, KB, MB, PEERS, Goals, MailFiles, Senders, Sink, machine, median, number, one_processor,
+                    ratio_text, ratios, say, size_text, table)
 
 SIZES_KB = [1, 2, 3, 4, 8, 16, 30, 64]
 THREADS = [1, 2, 4, 8]
@@ -31,8 +32,9 @@ class Extent:
         self.large = 64 * MB if quick else 256 * MB
         self.far, self.far_rounds = (16 * MB, 1) if quick else (64 * MB, 2)
         self.small_seconds = 0.12 if quick else 0.4
-        self.budgets = dict(large=20, far=10, small=20, once=8, threads=12) if quick else dict(
-            large=100, far=50, small=90, once=20, threads=70)
+        self.budgets = dict(
+            large=20, far=10, small=20, once=8, threads=12, submission=25, submission_small=25) if quick else dict(
+            large=100, far=50, small=90, once=20, threads=70, submission=90, submission_small=120)
         # (attachment, threads); the sparse one of 2 GB in eight threads is what takes long
         sizes = [1 * MB, self.large, 2 * GB]
         self.memory = [(size, threads) for size in sizes for threads in (1, 8)
@@ -71,20 +73,6 @@ class Bench(Senders):
             for key, case in cases.items():
                 results[key].append(case())
         return results
-
-
-def median(results, field):
-    values = [result[field] for result in results if result is not None and field in result]
-    return statistics.median(values) if values else None
-
-
-def ratios(ours, theirs, field="rate"):
-    """Ours over theirs, turn by turn."""
-    return [a[field] / b[field] for a, b in zip(ours, theirs) if a and b and a.get(field) and b.get(field)]
-
-
-def ratio_text(values):
-    return f"{statistics.median(values):.2f} ({min(values):.2f}–{max(values):.2f})" if values else "–"
 
 
 def large_attachment(bench, goals):
@@ -296,7 +284,8 @@ def main():
         bench = Bench(arguments.build, folder, extent)
         try:
             for measure in (large_attachment, delayed_link, small_mails, one_connection, several_threads, peak_memory,
-                            memory_attachment):
+                            memory_attachment, submission.large_attachment, submission.small_mails,
+                            submission.many_recipients):
                 say(f"{time.monotonic() - start:4.0f} s  {measure.__name__.replace('_', ' ')}")
                 print(measure(bench, goals) + "\n", flush=True)
         finally:

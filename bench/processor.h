@@ -1,0 +1,14 @@
+// What the calling process has used of the processors.
+#pragma once
+
+#include <sys/resource.h>
+
+inline double ProcessorSeconds()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
