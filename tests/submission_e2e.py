@@ -45,13 +45,18 @@ def make_certificates():
     for name in ("authority", "other"):
         openssl("req", "-x509", *key, "-days", "2", "-subj", f"/CN=The {name}", "-keyout", f"{name}.key", "-out",
                 f"{name}.pem")
-    for name, subject, names, days in (("right", "localhost", "DNS:localhost,IP:127.0.0.1", 2),
-                                       ("wildcard", "a.host.example", "DNS:*.localhost,DNS:*.host.example", 2),
-                                       ("elsewhere", "other.example", "DNS:other.example", 2),
-                                       ("expired", "localhost", "DNS:localhost,IP:127.0.0.1", -1)):
+    # As an authority works, since "openssl x509" knows no certificate that has ended.
+    (CERTIFICATES / "ca.conf").write_text("[ca]\ndefault_ca=a\n[a]\nnew_certs_dir=.\ndatabase=list\nserial=serial\n"
+                                          "unique_subject=no\ndefault_md=sha256\ncopy_extensions=copy\npolicy=p\n[p]\ncommonName=supplied\n")
+    (CERTIFICATES / "list").touch()
+    valid, ended = ("-days", "2"), ("-startdate", "20200101000000Z", "-enddate", "20200201000000Z")
+    for name, subject, names, time in (("right", "localhost", "DNS:localhost,IP:127.0.0.1", valid),
+                                       ("wildcard", "a.host.example", "DNS:*.localhost,DNS:*.host.example", valid),
+                                       ("elsewhere", "other.example", "DNS:other.example", valid),
+                                       ("expired", "localhost", "DNS:localhost,IP:127.0.0.1", ended)):
         openssl("req", *key, "-subj", f"/CN={subject}", "-addext", f"subjectAltName={names}", "-keyout", "key", "-out", "wish")
-        openssl("x509", "-req", "-in", "wish", "-CA", "authority.pem", "-CAkey", "authority.key", "-CAcreateserial",
-                "-copy_extensions", "copy", "-days", str(days), "-out", "certificate")
+        openssl("ca", "-batch", "-config", "ca.conf", "-cert", "authority.pem", "-keyfile", "authority.key", "-create_serial",
+                "-notext", *time, "-in", "wish", "-out", "certificate")
         (CERTIFICATES / f"{name}.pem").write_text("".join((CERTIFICATES / part).read_text() for part in ("key", "certificate")))
     openssl("req", "-x509", *key, "-days", "2", "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost",
             "-keyout", "key", "-out", "certificate")
@@ -162,7 +167,21 @@ class Submission(unittest.TestCase):
                     self.assertEqual("error 654" in result.stderr, not taken, result)
                     self.assertEqual(trace.count("Error: Setting error 654 ("),
                                      not taken, trace)
+                    self.assertTrue(certificate != "expired" or EMULATED or "certificate has expired" in trace, trace)
                     self.assertLessEqual(inbox.versions, {"TLSv1.2", "TLSv1.3"})
+
+    def test_a_wildcard_stands_for_one_label(self):
+        """With names of its own in a private view of the files: needs root, and Linux."""
+        hosts = self.folder / "hosts"
+        hosts.write_text("127.0.0.1 localhost a.host.example b.a.host.example host.example\n")
+        private = ["unshare", "-m", "sh", "-c", f'mount --bind {hosts} /etc/hosts && exec "$@"', "sh"]
+        if EMULATED or shutil.which("unshare") is None or subprocess.run([*private, "true"], capture_output=True).returncode != 0:
+            self.skipTest("no private names here")
+        for server, taken in (("a.host.example", True), ("b.a.host.example", False), ("host.example", False)):
+            with self.subTest(server=server), Inbox("wildcard") as inbox:
+                result, trace = self.send(inbox, {"MailServer": server}, [*private, *TOOL])
+                self.assertEqual((result.returncode, len(inbox.mails)), (0, 1) if taken else (1, 0), (result, trace))
+                self.assertEqual("certificate is not accepted" in trace, not taken, trace)
 
     def test_logins_are_taken_and_refused(self):
         for mechanism in ("", "PLAIN", "LOGIN", "CRAM-MD5", "XOAUTH2"):
