@@ -1,6 +1,7 @@
 #include "src-baselib/error.h"
 
 #include <string_view>
+#include <utility>
 
 CError::CError(const char* jobName, const char* buildText, const char* variable, std::uint32_t threadId)
     : CTraceFile(jobName, buildText, variable, threadId), m_ownThread(threadId)
@@ -35,6 +36,18 @@ void CError::ClearPending()
     m_pending = 0;
     m_pendingCount = 0;
     m_pendingText.Clear();
+}
+
+CError::Aside CError::PutAside() noexcept
+{
+    return {std::exchange(m_pending, 0), std::exchange(m_pendingCount, 0), std::move(m_pendingText)};
+}
+
+void CError::TakeBack(Aside aside) noexcept
+{
+    m_pending = aside.code;
+    m_pendingCount = aside.count;
+    m_pendingText = std::move(aside.text);
 }
 
 void CError::BeginCall()

@@ -19,6 +19,16 @@ public:
     void SetPendingText(const char* text) { m_pendingText = text; }
     [[nodiscard]] const CEString& GetPendingText() const { return m_pendingText; }
 
+    // The pending error, out of the way of a call that must neither tell nor lose it.
+    struct Aside
+    {
+        int code;
+        int count;
+        CEString text;
+    };
+    [[nodiscard]] Aside PutAside() noexcept;
+    void TakeBack(Aside aside) noexcept;
+
     [[nodiscard]] int GetLast() const { return m_last; }
     // A working call begins: the error of the one before is forgotten.
     void BeginCall();

@@ -50,11 +50,21 @@ public:
 
     [[nodiscard]] const CEString& GetName() const { return m_name; }
     // False: the dump leaves it out, and does not count it.
-    [[nodiscard]] bool IsShown() const { return !m_shownWhenSet || !IsEmpty(); }
+    [[nodiscard]] bool IsShown() const
+    {
+        return m_dumped == Dumped::Always || (m_dumped == Dumped::WhenSet && !IsEmpty());
+    }
 
 protected:
-    // Shown only while it has a value: what reads the dump may not know it.
-    void ShowWhenSet() { m_shownWhenSet = true; }
+    // What reads the dump may not know those that came later: they stand there while they have a value, or
+    // not at all.
+    enum class Dumped : std::uint8_t
+    {
+        Always,
+        WhenSet,
+        Never
+    };
+    void SetDumped(Dumped dumped) { m_dumped = dumped; }
     [[nodiscard]] bool IsReadable() const { return (m_access & kReadable) != 0; }
     [[nodiscard]] bool IsWritable() const { return (m_access & kWritable) != 0; }
     // Each raises its error and returns false when the access is missing.
@@ -68,7 +78,7 @@ private:
 
     CEString m_name;
     std::int32_t m_access = kReadable | kWritable;
-    bool m_shownWhenSet = false;
+    Dumped m_dumped = Dumped::Always;
 };
 
 class CStringProperty : public CProperty

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <new>
+#include <utility>
 
 #include "src-baselib/error.h"
 #include "src/threadstate.h"
@@ -62,5 +63,21 @@ int WorkingCall(const char* name, Body body) noexcept
         }
         frame.Begin();
         return static_cast<int>(body(frame));
+    });
+}
+
+// The same for a question about the call before: what is pending stays so, and the last error too unless the
+// question itself fails.
+template<class Body>
+int AsideCall(const char* name, Body body) noexcept
+{
+    return GuardedCall(name, [name, &body](CCallFrame& frame) {
+        if (!frame.Enter()) {
+            return 0;
+        }
+        CError::Aside aside = frame.Error().PutAside();
+        const int result = GuardedCall(name, [&](CCallFrame&) { return static_cast<int>(body(frame)); });
+        frame.Error().TakeBack(std::move(aside));
+        return result;
     });
 }

@@ -124,3 +124,16 @@ CrLfFilterIo* CMailTextBody::OpenStream()
     m_textFilter.Restart(OpenChosenStream());
     return &m_textFilter;
 }
+
+std::vector<const CMailAddress*> CMail::GetRecipients(std::int32_t message) const
+{
+    std::vector<const CMailAddress*> all;
+    for (const Addresses* const list : {&m_to, &m_cc, &m_bcc}) {
+        const bool one = list == &m_to && IsMessagePerRecipient();
+        const std::int32_t end = one ? std::min(message + 1, list->GetCount()) : list->GetCount();
+        for (std::int32_t i = one ? message : 0; i < end; ++i) {
+            all.push_back(list->At(i));
+        }
+    }
+    return all;
+}

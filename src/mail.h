@@ -4,11 +4,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "src-baselib/cestring.h"
 #include "src-baselib/iofile.h"
 #include "src-baselib/iomem.h"
 #include "src-baselib/pointerarray.h"
+#include "src/deliveryreport.h"
 #include "src/iofilter.h"
 #include "src/mailaddress.h"
 
@@ -138,14 +140,22 @@ public:
     // Exactly 1: a message of its own for each To recipient; any other value: one message for all.
     void SetMessagePerRecipient(std::int32_t flag) { m_messagePerRecipient = flag; }
     [[nodiscard]] bool IsMessagePerRecipient() const { return m_messagePerRecipient == 1; }
+    [[nodiscard]] std::int32_t GetMessageCount() const
+    {
+        return IsMessagePerRecipient() ? m_to.GetCount() : 1;
+    }
+    // The recipients of one of these messages: To, Cc, Bcc.
+    [[nodiscard]] std::vector<const CMailAddress*> GetRecipients(std::int32_t message) const;
 
     // The job protocol, which the user reads: what becomes of the mail is told there too. Not owned; null for
     // none.
     void SetProtocol(CTraceFile* protocol) { m_protocol = protocol; }
     [[nodiscard]] CTraceFile* GetProtocol() const { return m_protocol; }
+    CDeliveryReport& Report() { return m_report; }
 
 private:
     CTraceFile* m_protocol = nullptr;
+    CDeliveryReport m_report;
     COwnedArray<CMailAttachment> m_attachments;
     CEString m_subject;
     CMailAddress m_sender;

@@ -12,6 +12,7 @@
 #include "src-baselib/filesystem.h"
 #include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
+#include "src/errortexts.h"
 #include "src/mapi/mapicall.h"
 #include "src/mapi/mapidefaultclient.h"
 
@@ -46,6 +47,20 @@ bool IsHtml(std::string_view type)
            std::equal(kHtml.begin(), kHtml.end(), type.begin(),
                       [](char l, char r) { return l == std::tolower(static_cast<unsigned char>(r)); }) &&
            (type.size() == kHtml.size() || type[kHtml.size()] == ';' || type[kHtml.size()] == ' ');
+}
+
+// The client's one result stands for each recipient.
+void Report(CMail& mail, MapiResult result) noexcept
+{
+    try {
+        const char* const text = FindErrorText(kEnglishTexts, ErrorOf(result));
+        for (const CMailAddress* const recipient : mail.GetRecipients(0)) {
+            mail.Report().Add(recipient->GetMailbox().View(), result == kMapiSuccess ? 250 : 0,
+                              text == nullptr ? "MAPI result without a text" : text);
+        }
+    } catch (const std::bad_alloc&) {
+        mail.Report().Lose(); // what became of the mail is known: it must not turn into a failure
+    }
 }
 
 const char* OrNull(const char* text)
@@ -216,6 +231,7 @@ bool CMapiMailService::Send(CMail& mail)
     const MapiResult result =
         CallMailClient(m_functions.sendMail, m_session, m_window, &outgoing.message, outgoing.flags, 0U);
     Trace(TraceLevel::Normal, "SendMail returns %d", static_cast<int>(result));
+    Report(mail, result);
     switch (result) {
     case kMapiSuccess:
         std::move(outgoing.privateFiles.begin(), outgoing.privateFiles.end(),

@@ -52,7 +52,7 @@ void CPasswordProperty::Trace() const
     }
 }
 
-bool CMailProperty::SetString(const void* /*value*/)
+bool CAnswerProperty::SetString(const void* /*value*/)
 {
     if (!CheckWritable()) {
         return false;

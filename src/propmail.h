@@ -6,29 +6,50 @@
 #include "src-baselib/property.h"
 #include "src-baselib/propertyset.h"
 
+// What a host asks for and never sets.
+class CAnswerProperty : public CStringProperty
+{
+public:
+    using CStringProperty::CStringProperty;
+    // Changes nothing and returns false; error 3 only when the property is not writable.
+    bool SetString(const void* value) override;
+};
+
 // MailAvailable: the state of the system's mail client, found out at each read. Its stored text stays empty.
-class CMailProperty : public CStringProperty
+class CMailProperty : public CAnswerProperty
 {
 public:
     CMailProperty(const char* name, CPropertySet& owner, const CBoolProperty& logonDialog)
-        : CStringProperty(name, owner), m_logonDialog(logonDialog)
+        : CAnswerProperty(name, owner), m_logonDialog(logonDialog)
     {
     }
 
     // Error 47 for a size below 15; a longer text is cut to the size and terminated.
     bool GetValue(void* buffer, std::int32_t size) override;
-    // Changes nothing and returns false; error 3 only when the property is not writable.
-    bool SetString(const void* value) override;
 
 private:
     const CBoolProperty& m_logonDialog;
+};
+
+// MailDeliveryReport: what the last send came to. Each send has one, so the dump, which shows the settings,
+// leaves it out.
+class CReportProperty : public CAnswerProperty
+{
+public:
+    CReportProperty(const char* name, CPropertySet& owner) : CAnswerProperty(name, owner)
+    {
+        SetDumped(Dumped::Never);
+    }
 };
 
 // A setting that came later than the others: shown only where a host uses it.
 class CLaterProperty : public CStringProperty
 {
 public:
-    CLaterProperty(const char* name, CPropertySet& owner) : CStringProperty(name, owner) { ShowWhenSet(); }
+    CLaterProperty(const char* name, CPropertySet& owner) : CStringProperty(name, owner)
+    {
+        SetDumped(Dumped::WhenSet);
+    }
 };
 
 // The password: its value is not traced when the delivery path is the one that uses it.
@@ -90,6 +111,7 @@ struct CMailProperties : CPropertySet
     CLaterProperty mailSecurityCAFile{"MailSecurityCAFile", *this};
     CLaterProperty mailAuthMechanism{"MailAuthMechanism", *this};
     CLaterProperty mailCharset{"MailCharset", *this};
+    CReportProperty mailDeliveryReport{"MailDeliveryReport", *this};
 };
 
 struct CLiveMailProperties : CMailProperties<CSeparatedStringProperty>

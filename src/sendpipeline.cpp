@@ -57,6 +57,7 @@ private:
     bool CheckAddress(const CEString& mailbox, const char* beginning);
     void RejectMissingService();
     int Deliver(CMail& mail);
+    void TellHost(CMail& mail, int code) noexcept;
     void ReportResult(int result);
 
     CCallFrame& m_frame;
@@ -93,6 +94,7 @@ bool CSendPipeline::FailJob(int code, const char* text, bool raiseText, const So
 
 int CSendPipeline::Run()
 {
+    m_live.mailDeliveryReport.SetRaw(nullptr);
     CEWorkingDir directory; // goes back at the end, whatever the outcome
     // A work space that cannot be entered is reported; what is missing there the checks below find.
     directory.ChangeDir(m_live.mailWorkSpace.GetCString());
@@ -332,7 +334,14 @@ void CSendPipeline::RejectMissingService()
 
 int CSendPipeline::Deliver(CMail& mail)
 {
-    const int result = m_service->Send(mail) ? 1 : 0;
+    int result = 0;
+    try {
+        result = m_service->Send(mail) ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        TellHost(mail, codes::kNotEnoughMemory);
+        throw;
+    }
+    TellHost(mail, PendingError());
     if (result == 0 && m_service->TellsAtOnce()) {
         m_frame.Fail();
     }
@@ -342,6 +351,28 @@ int CSendPipeline::Deliver(CMail& mail)
         // What became of the mail is known: it must not turn into a failure for want of a line.
     }
     return result; // on the old paths a failed delivery's code stays pending: the next working call tells it
+}
+
+// Completes the report, for those of whom the service could tell nothing, and hands it to the host.
+void CSendPipeline::TellHost(CMail& mail, int code) noexcept
+{
+    try {
+        CDeliveryReport& report = mail.Report();
+        std::size_t left = report.GetCount(); // to pass over
+        const std::string reason = report.GetReason().empty() ? NotSentWords(code) : report.GetReason();
+        for (std::int32_t i = 0; i < mail.GetMessageCount(); ++i) {
+            for (const CMailAddress* const recipient : mail.GetRecipients(i)) {
+                if (left > 0) {
+                    --left;
+                } else {
+                    report.Add(recipient->GetMailbox().View(), 0, reason);
+                }
+            }
+        }
+        m_live.mailDeliveryReport.SetRaw(report.GetText().c_str());
+    } catch (const std::bad_alloc&) {
+        Trace(TraceLevel::Warning, "Warning: Not enough memory. The delivery report is lost.");
+    }
 }
 
 void CSendPipeline::ReportResult(int result)

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
 #include "src-baselib/tracefile.h"
 #include "src/mail.h"
+#include "src/mailaddress.h"
 #include "src/transport/messagefeed.h"
 #include "src/transport/transporttrace.h"
 
@@ -82,7 +84,6 @@ bool IsRefusal(const smtp_status_t* status)
     return status != nullptr && status->code >= 400 && status->code <= 599 && status->text != nullptr;
 }
 
-// Called through the transport's frames, so it needs no memory and throws nothing.
 void TellRefusal(CMail& job, const char* mailbox, const smtp_status_t& status)
 {
     char text[512] = "";
@@ -96,34 +97,17 @@ void TellRefusal(CMail& job, const char* mailbox, const smtp_status_t& status)
     }
 }
 
-struct Settlement
+// The server's words. Where it gives enhanced codes the transport takes them out, but for what is none.
+std::string WordsOf(const smtp_status_t& status)
 {
-    smtp_message_t message;
-    CMail& job;
-    Delivery worst;
-};
-
-// The one rule that held for every broken dialogue: the transport's result, error number and events do not
-// tell.
-void SettleRecipient(smtp_recipient_t recipient, const char* mailbox, void* argument)
-{
-    auto& settlement = *static_cast<Settlement*>(argument);
-    const smtp_status_t* const own = smtp_recipient_status(recipient);
-    const smtp_status_t* const transfer = smtp_message_transfer_status(settlement.message);
-    const smtp_status_t* const reversePath = smtp_reverse_path_status(settlement.message);
-
-    Delivery delivery = Delivery::BrokenOff;
-    if (smtp_recipient_check_complete(recipient) != 0 && IsSuccess(own) && IsSuccess(transfer)) {
-        delivery = Delivery::Sent;
-    } else {
-        for (const smtp_status_t* const status : {own, transfer, reversePath}) {
-            if (delivery == Delivery::BrokenOff && IsRefusal(status)) {
-                delivery = Delivery::Refused;
-                TellRefusal(settlement.job, mailbox, *status);
-            }
-        }
-    }
-    settlement.worst = std::max(settlement.worst, delivery);
+    const std::string_view text = status.text == nullptr ? "" : status.text;
+    const std::string kind = std::to_string(status.enh_class);
+    const bool none =
+        status.enh_class != status.code / 100 || (status.enh_detail == 0 && text.starts_with(kind));
+    return (none ? std::string()
+                 : kind + "." + std::to_string(status.enh_subject) + "." + std::to_string(status.enh_detail) +
+                       " ")
+        .append(text);
 }
 
 } // namespace
@@ -145,16 +129,18 @@ const char* CSMTPMailMessage::GiveText(int* length)
     return length == nullptr ? m_feed.Begin(*m_job, m_fieldCount) : m_feed.Next(*length);
 }
 
-bool CSMTPMailMessage::AddRecipient(RecipientType type, const CEString& mailbox)
+bool CSMTPMailMessage::AddRecipient(RecipientType type, const CMailAddress& address)
 {
     const TypeRow* const row = FindType(type);
-    m_lastRecipient = IsUsableMailbox(mailbox.View())
-                          ? CallTransport(smtp_add_recipient, m_message, mailbox.CStr())
-                          : nullptr;
-    if (m_lastRecipient == nullptr) {
+    const CEString& mailbox = address.GetMailbox();
+    Recipient& added = m_recipients.emplace_back(Recipient{nullptr, &address});
+    if (IsUsableMailbox(mailbox.View())) {
+        added.transport = CallTransport(smtp_add_recipient, m_message, mailbox.CStr());
+    }
+    if (added.transport == nullptr) {
         RaiseForType(row, row == nullptr ? "" : row->recipientPrefix, mailbox);
     }
-    return m_lastRecipient != nullptr;
+    return added.transport != nullptr;
 }
 
 bool CSMTPMailMessage::SetRecipientHeader(RecipientType type, const CEString& text)
@@ -172,9 +158,49 @@ bool CSMTPMailMessage::SetRecipientHeader(RecipientType type, const CEString& te
     return set;
 }
 
+// The one rule that held for every broken dialogue: the transport's result, error number and events do not
+// tell.
+CSMTPMailMessage::Judgement CSMTPMailMessage::Judge(smtp_recipient_t recipient) const
+{
+    const smtp_status_t* const own = smtp_recipient_status(recipient);
+    const smtp_status_t* const transfer = smtp_message_transfer_status(m_message);
+    const smtp_status_t* const reversePath = smtp_reverse_path_status(m_message);
+    if (smtp_recipient_check_complete(recipient) != 0 && IsSuccess(own) && IsSuccess(transfer)) {
+        return {Delivery::Sent, transfer};
+    }
+    for (const smtp_status_t* const status : {own, transfer, reversePath}) {
+        if (IsRefusal(status)) {
+            return {Delivery::Refused, status};
+        }
+    }
+    return {Delivery::BrokenOff, nullptr};
+}
+
 Delivery CSMTPMailMessage::Settle() const
 {
-    Settlement settlement = {m_message, *m_job, Delivery::Sent};
-    smtp_enumerate_recipients(m_message, SettleRecipient, &settlement);
-    return settlement.worst;
+    Delivery worst = Delivery::Sent;
+    for (const Recipient& recipient : m_recipients) {
+        if (recipient.transport != nullptr) {
+            const Judgement judgement = Judge(recipient.transport);
+            if (judgement.delivery == Delivery::Refused) {
+                TellRefusal(*m_job, recipient.address->GetMailbox().CStr(), *judgement.status);
+            }
+            worst = std::max(worst, judgement.delivery);
+        }
+    }
+    return worst;
+}
+
+void CSMTPMailMessage::Report(CDeliveryReport& report, int code, std::string_view words) const
+{
+    for (const auto& [transport, address] : m_recipients) {
+        const std::string_view mailbox = address->GetMailbox().View();
+        if (transport == nullptr) {
+            report.Add(mailbox, 0, "not sent: the mailbox cannot stand in a command");
+        } else if (const smtp_status_t* const status = Judge(transport).status) {
+            report.Add(mailbox, status->code, WordsOf(*status));
+        } else {
+            report.Add(mailbox, code, words);
+        }
+    }
 }

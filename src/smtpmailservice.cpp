@@ -255,7 +255,7 @@ void AddRecipients(CSMTPMailMessage& message, RecipientType type, const CMail::A
     CEString list;
     for (std::int32_t i = first; i < end; ++i) {
         const CMailAddress& address = *addresses.At(i);
-        if (message.AddRecipient(type, address.GetMailbox())) {
+        if (message.AddRecipient(type, address)) {
             AppendAddress(list, address);
         }
     }
@@ -344,7 +344,7 @@ bool CSMTPMailService::Send(CMail& mail)
         CSMTPMailSession& session;
         ~SendEnd() { session.EndSend(); }
     } const end = {*m_session};
-    return PrepareMessages(mail) && m_session->Start();
+    return PrepareMessages(mail) && m_session->Start(mail.Report());
 }
 
 bool CSMTPMailService::Disconnect()

@@ -1,13 +1,17 @@
 #include "src/smtpmailsession.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "src-baselib/platform.h"
 #include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
+#include "src/errortexts.h"
 #include "src/messageid.h"
 #include "src/transport/sockettexts.h"
 #include "src/transport/transportlibrary.h"
@@ -46,6 +50,29 @@ bool IsOutOfRange(const CEString& port)
     char* end = nullptr;
     const long number = std::strtol(port.CStr(), &end, 10);
     return end != port.CStr() && *end == '\0' && (number < 1 || number > kLargest);
+}
+
+// The code and the words of a whole refusal. False, and nothing changed, when it is none.
+bool ReadRefusal(std::string_view reply, int& code, std::string& words)
+{
+    constexpr std::size_t kCode = 3;
+    const std::string number(reply.substr(0, kCode));
+    const int refusal = std::atoi(number.c_str());
+    std::string text;
+    for (std::size_t end = 0; (end = reply.find('\n')) != std::string_view::npos;) {
+        const std::string_view line = reply.substr(0, end);
+        if (refusal < 400 || refusal > 599 || line.size() <= kCode || !line.starts_with(number)) {
+            return false;
+        }
+        text.append(line.substr(kCode + 1));
+        if (line[kCode] != '-') {
+            code = refusal;
+            words = text;
+            return true;
+        }
+        reply.remove_prefix(end + 1);
+    }
+    return false;
 }
 
 bool Fail(int code, const SourcePlace& where = SourcePlace::Here())
@@ -249,7 +276,7 @@ void CSMTPMailSession::OnEvent(smtp_session_t session, int event, void* argument
     }
 }
 
-bool CSMTPMailSession::Start()
+bool CSMTPMailSession::Start(CDeliveryReport& report)
 {
     // Set anew, it gives back the server's canonical name of the send before, which the transport would lose.
     if (m_wasStarted && !SetServer()) {
@@ -262,6 +289,7 @@ bool CSMTPMailSession::Start()
         return Fail(codes::kResolveService);
     }
     m_wasStarted = true;
+    m_monitor.Reset(); // where there is no connection, nothing is left of the one before
     m_monitor.SetTraced(IsTraceActive());
     if (smtp_set_eventcb(m_session, &CSMTPMailSession::OnEvent, this) == 0 ||
         smtp_set_monitorcb(m_session, &CDialogueMonitor::Callback, &m_monitor, 1) == 0) {
@@ -282,10 +310,10 @@ bool CSMTPMailSession::Start()
     if (text != nullptr) {
         TraceTransport("In %s: %s \n", "connect", text);
     }
-    return Settle(started, number);
+    return Settle(report, started, number);
 }
 
-bool CSMTPMailSession::Settle(bool started, int number)
+bool CSMTPMailSession::Settle(CDeliveryReport& report, bool started, int number)
 {
     Delivery worst = Delivery::Sent;
     if (started) {
@@ -294,12 +322,34 @@ bool CSMTPMailSession::Settle(bool started, int number)
         }
     }
     m_mustRenew = !started || worst != Delivery::Sent;
-    if (started && worst != Delivery::BrokenOff) {
-        return true;
+    const int broken = number >= kFirstBrokenNumber && number <= kLastNumber ? codes::kTransportBase + number
+                                                                             : codes::kDroppedConnection;
+    const int code = started ? broken : StartErrorCode(number);
+    Report(report, started, code, number < 0 ? SocketErrorText(-number) : nullptr);
+    return (started && worst != Delivery::BrokenOff) || Fail(code);
+}
+
+// `code` is that of a dialogue that broke off.
+void CSMTPMailSession::Report(CDeliveryReport& report, bool started, int code,
+                              const char* connectFailure) const noexcept
+{
+    try {
+        const char* const text = FindErrorText(kEnglishTexts, code);
+        std::string words = code == codes::kDroppedConnection ? "connection lost"
+                            : text == nullptr                 ? ""
+                                                              : text;
+        int refused = 0;
+        if (m_feed.GetFailure() == ETIMEDOUT) {
+            words = "not sent: the server takes no more data";
+        } else if (m_feed.GetFailure() != 0) {
+            words = NotSentWords(PendingError());
+        } else if (!ReadRefusal(m_monitor.GetRefusal(), refused, words) && !started) {
+            words = std::string("no connection: ") + (connectFailure == nullptr ? words : connectFailure);
+        }
+        for (std::int32_t i = m_firstOfSend; i < m_messages.GetCount(); ++i) {
+            m_messages.At(i)->Report(report, refused, words);
+        }
+    } catch (const std::bad_alloc&) {
+        report.Lose(); // what became of the mail is known: it must not turn into a failure
     }
-    if (started) {
-        return Fail(number >= kFirstBrokenNumber && number <= kLastNumber ? codes::kTransportBase + number
-                                                                          : codes::kDroppedConnection);
-    }
-    return Fail(StartErrorCode(number));
 }

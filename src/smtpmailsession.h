@@ -33,8 +33,9 @@ public:
     // would send the old messages again, and so it is after many that were. False when that is not possible.
     bool BeginSend();
     // Runs the dialogue for the messages added since BeginSend. True when every recipient was sent the mail
-    // or refused by the server; otherwise the error of the failed dialogue is raised.
-    bool Start();
+    // or refused by the server; otherwise the error of the failed dialogue is raised. Each recipient gets its
+    // line in the report, unless the dialogue could not begin.
+    bool Start(CDeliveryReport& report);
     // Ends a send: its job will not be read again.
     void EndSend();
     void Destroy();
@@ -47,7 +48,8 @@ public:
 private:
     bool Open();
     bool SetServer();
-    bool Settle(bool started, int number);
+    bool Settle(CDeliveryReport& report, bool started, int number);
+    void Report(CDeliveryReport& report, bool started, int code, const char* connectFailure) const noexcept;
     static void OnEvent(smtp_session_t session, int event, void* argument, ...);
 
     smtp_session_t m_session = nullptr;

@@ -106,17 +106,32 @@ SubmissionFailure ReadSettings(const CMailConnectionInfo& info, SubmissionSettin
     return {};
 }
 
-// `only` is the index of the To recipient of a mail of its own, -1 for all.
-SubmissionEnvelope ReadEnvelope(const CMail& mail, std::int32_t only)
+SubmissionEnvelope ReadEnvelope(const CMail& mail, std::int32_t message)
 {
     SubmissionEnvelope envelope = {std::string(mail.Sender().GetMailbox().View()), {}};
-    for (const CMail::Addresses* const list : {&mail.To(), &mail.Cc(), &mail.Bcc()}) {
-        const bool one = list == &mail.To() && only >= 0;
-        for (std::int32_t i = one ? only : 0; i < (one ? only + 1 : list->GetCount()); ++i) {
-            envelope.recipients.emplace_back(list->At(i)->GetMailbox().View());
-        }
+    for (const CMailAddress* const recipient : mail.GetRecipients(message)) {
+        envelope.recipients.emplace_back(recipient->GetMailbox().View());
     }
     return envelope;
+}
+
+// A line for each recipient. The words for those of whom the server said nothing that decides are the
+// failure's.
+void Report(CDeliveryReport& report, const SubmissionEnvelope& envelope, const CSubmissionDialogue& dialogue,
+            const SubmissionFailure& failure) noexcept
+{
+    try {
+        const std::string why = failure.code == codes::kRecipientRefused
+                                    ? "not sent: another recipient was refused"
+                                : !failure.IsSet() || !failure.text.empty() ? failure.text
+                                                                            : NotSentWords(PendingError());
+        for (std::size_t i = 0; i < envelope.recipients.size(); ++i) {
+            const SubmissionReply& answer = dialogue.GetAnswer(i);
+            report.Add(envelope.recipients[i], answer.code, answer.code == 0 ? why : answer.text);
+        }
+    } catch (const std::bad_alloc&) {
+        report.Lose(); // what became of the mail is known: it must not turn into a failure
+    }
 }
 
 } // namespace
@@ -170,22 +185,24 @@ bool CSubmissionMailService::Send(CMail& mail)
     }
     CStandardComposer composer;
     bool sent = composer.Prepare(mail, MakeMessageId(platform::HostName()).View());
-    const std::int32_t messages = !sent ? 0 : bulk ? mail.To().GetCount() : 1;
+    const std::int32_t messages = sent ? mail.GetMessageCount() : 0;
     for (std::int32_t i = 0; i < messages; ++i) {
         if (const SubmissionFailure failure = HaveConnection(); failure.IsSet()) {
+            mail.Report().Explain(failure.text);
             return Fail(failure, &mail); // nor would there be one for the messages behind
         }
-        sent = SendMessage(mail, composer, bulk ? i : -1) && sent;
+        composer.SetOnlyRecipient(bulk ? i : -1);
+        sent = SendMessage(mail, composer, i) && sent;
     }
     return sent;
 }
 
-bool CSubmissionMailService::SendMessage(CMail& mail, CStandardComposer& composer, std::int32_t only)
+bool CSubmissionMailService::SendMessage(CMail& mail, CStandardComposer& composer, std::int32_t message)
 {
-    composer.SetOnlyRecipient(only);
+    const SubmissionEnvelope envelope = ReadEnvelope(mail, message);
     composer.Begin(mail);
-    const SubmissionFailure failure =
-        m_dialogue->Deliver(ReadEnvelope(mail, only), composer, composer.EstimateSize());
+    const SubmissionFailure failure = m_dialogue->Deliver(envelope, composer, composer.EstimateSize());
+    Report(mail.Report(), envelope, *m_dialogue, failure);
     if (!m_dialogue->IsUsable()) {
         m_dialogue.reset();
         m_connection.Close();

@@ -31,7 +31,7 @@ private:
     // The same connection again where it still stands, else a new one.
     [[nodiscard]] SubmissionFailure HaveConnection();
     [[nodiscard]] SubmissionFailure OpenConnection();
-    bool SendMessage(CMail& mail, CStandardComposer& composer, std::int32_t only);
+    bool SendMessage(CMail& mail, CStandardComposer& composer, std::int32_t message);
 
     const CurlLibrary* m_curl = nullptr; // null: there was no successful connect
     SubmissionSettings m_settings;

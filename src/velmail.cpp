@@ -63,8 +63,9 @@ int VelMailSetProperty(const char* name, const char* value)
 
 int VelMailGetProperty(const char* name, void* buffer, unsigned int size)
 {
-    return WorkingCall("VelMailGetProperty",
-                       [=](CCallFrame& frame) { return frame.End(GetProperty(frame, name, buffer, size)); });
+    const auto body = [=](CCallFrame& frame) { return frame.End(GetProperty(frame, name, buffer, size)); };
+    const bool aside = name != nullptr && std::strcmp(name, "MailDeliveryReport") == 0;
+    return aside ? AsideCall("VelMailGetProperty", body) : WorkingCall("VelMailGetProperty", body);
 }
 
 int VelMailGetLastError(int* code)

@@ -53,6 +53,8 @@ constexpr std::array kProperties = {
     PropertyInfo{"MailAuthMechanism", PropertyKind::Text,
                  "SUBMISSION: PLAIN, LOGIN, CRAM-MD5, XOAUTH2 or OAUTHBEARER"},
     PropertyInfo{"MailCharset", PropertyKind::Text, "SUBMISSION: UTF-8, ISO-8859-1 or WINDOWS-1252"},
+    PropertyInfo{"MailDeliveryReport", PropertyKind::ReadOnly,
+                 "what the server said of each recipient, after a send"},
 };
 
 constexpr const char* kUsage = R"(Usage: velmail [--library PATH] Name=Value ...

@@ -14,6 +14,7 @@ namespace {
 constexpr std::size_t kGroup = 16'384;   // bytes of commands sent together
 constexpr std::size_t kGathered = 8'192; // bytes that go out with the command before them, copied
 constexpr std::size_t kReceive = 4'096;
+constexpr std::size_t kLongestKept = 512; // bytes of the words for a refused recipient
 
 // Bytes of a piece of DATA, and of a chunk. What is small is still in the processor's nearest memory when it
 // is sent; a chunk whose answer is waited for should be large.
@@ -82,9 +83,13 @@ SubmissionFailure CSubmissionDialogue::Deliver(const SubmissionEnvelope& envelop
     m_failure = {};
     m_inBody = false;
     m_delivering = true; // and stays so when the source throws
+    m_deciding = true;
+    m_answer = {};
+    m_refusals.clear();
     m_gathered.clear();
     const bool sent = SendEnvelope(size) && (m_offer.chunking ? SendAsChunks(source) : SendAsData(source));
     SubmissionFailure failure = std::exchange(m_failure, {});
+    m_deciding = false;
     if (!sent && m_usable) {
         Reset();
     }
@@ -327,15 +332,15 @@ bool CSubmissionDialogue::Settle(std::int64_t limit)
 }
 
 // False: the connection is of no use any more.
-bool CSubmissionDialogue::Answer(const SubmissionReply& reply)
+bool CSubmissionDialogue::Answer(SubmissionReply& reply)
 {
     if (reply.code == kServiceEnds) {
-        return Break(codes::kDroppedConnection, "The server ends the connection: " + reply.Words());
+        return BreakFor(reply, codes::kDroppedConnection, "The server ends the connection: ");
     }
     if (m_open.empty()) {
         // A server may give up within a message; anything else must not be taken for an answer.
         return m_inBody && reply.IsRefusal()
-                   ? Break(codes::kMessageRefused, "The server refused the message: " + reply.Words())
+                   ? BreakFor(reply, codes::kMessageRefused, "The server refused the message: ")
                    : Break(codes::kInvalidResponse,
                            "The server answers what it was not asked: " + reply.Words());
     }
@@ -345,6 +350,9 @@ bool CSubmissionDialogue::Answer(const SubmissionReply& reply)
         m_answered = 0;
     }
     if (question.step == Step::Data ? reply.code == kGoAhead : reply.IsPositive()) {
+        if (question.step == Step::End) {
+            Keep(reply);
+        }
         return true;
     }
     if (!reply.IsRefusal()) {
@@ -354,7 +362,21 @@ bool CSubmissionDialogue::Answer(const SubmissionReply& reply)
     return true;
 }
 
-void CSubmissionDialogue::Refuse(const Question& question, const SubmissionReply& reply)
+// It takes no memory, for the server may have taken the message.
+void CSubmissionDialogue::Keep(SubmissionReply& reply)
+{
+    if (m_deciding && m_answer.code == 0) {
+        m_answer = std::move(reply);
+    }
+}
+
+const SubmissionReply& CSubmissionDialogue::GetAnswer(std::size_t recipient) const
+{
+    const bool own = recipient < m_refusals.size() && m_refusals[recipient].code != 0;
+    return own ? m_refusals[recipient] : m_answer;
+}
+
+void CSubmissionDialogue::Refuse(const Question& question, SubmissionReply& reply)
 {
     SubmissionFailure failure = {codes::kMessageRefused, "The server refused the message: " + reply.Words()};
     if (question.step == Step::Mail && IsLoginNeeded(reply.code)) {
@@ -373,6 +395,19 @@ void CSubmissionDialogue::Refuse(const Question& question, const SubmissionReply
     if (!m_failure.IsSet()) {
         m_failure = std::move(failure);
     }
+    if (question.step != Step::Rcpt) {
+        Keep(reply);
+    } else if (m_deciding && m_answer.code == 0) {
+        m_refusals.resize(m_envelope->recipients.size());
+        m_refusals[question.recipient] = {reply.code, reply.text.substr(0, kLongestKept)};
+    }
+}
+
+bool CSubmissionDialogue::BreakFor(SubmissionReply& reply, int code, const char* text)
+{
+    Break(code, text + reply.Words());
+    Keep(reply);
+    return false;
 }
 
 bool CSubmissionDialogue::Break(int code, std::string text)

@@ -74,6 +74,8 @@ public:
     // Sends the message that `source` has begun. `size` is its size in bytes or a little more, -1 for
     // unknown. Throws what the source throws; the dialogue is over then.
     SubmissionFailure Deliver(const SubmissionEnvelope& envelope, CMessageSource& source, std::int64_t size);
+    // What the server said last of a recipient of the last message; code 0: nothing that decides.
+    [[nodiscard]] const SubmissionReply& GetAnswer(std::size_t recipient) const;
     // Whether another message may follow. If not, the connection has to be dropped.
     [[nodiscard]] bool IsUsable() const { return m_usable && !m_delivering; }
     // Takes leave; the connection is of no use afterwards.
@@ -109,8 +111,10 @@ private:
     bool Settle(std::int64_t limit);
     ReplyState TakeReply(bool& going);
     WireState ReceiveMore();
-    bool Answer(const SubmissionReply& reply);
-    void Refuse(const Question& question, const SubmissionReply& reply);
+    bool Answer(SubmissionReply& reply);
+    void Refuse(const Question& question, SubmissionReply& reply);
+    bool BreakFor(SubmissionReply& reply, int code, const char* text);
+    void Keep(SubmissionReply& reply);
     bool Break(int code, std::string text);
     void Reset();
 
@@ -120,7 +124,10 @@ private:
     std::vector<Question> m_open; // asked; empty when all are answered
     std::size_t m_answered = 0;   // of them
     const SubmissionEnvelope* m_envelope = nullptr;
-    SubmissionFailure m_failure; // the first one of the message
+    SubmissionFailure m_failure;             // the first one of the message
+    bool m_deciding = false;                 // what the server says now decides about the message
+    SubmissionReply m_answer;                // that decided, for all recipients
+    std::vector<SubmissionReply> m_refusals; // before it, of single ones; by their places, or empty
     bool m_usable = true;
     bool m_delivering = false;
     bool m_inBody = false;

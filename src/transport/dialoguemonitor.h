@@ -2,7 +2,9 @@
 // transport, and knows how far the dialogue has come.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <string_view>
 
 #include "src/transport/pipeliningfilter.h"
 
@@ -17,6 +19,9 @@ public:
         m_filter.Reset();
         m_received = 0;
         m_sent = 0;
+        m_refusalSize = 0;
+        m_replyBegins = true;
+        m_greeting = true;
     }
     // A message begins, before which the transport writes so many header fields.
     void BeginMessage(int fieldCount)
@@ -34,10 +39,15 @@ public:
     // in chunks is sent, and from then on, the transport shows neither.
     [[nodiscard]] std::uint64_t GetReceived() const { return m_received; }
     [[nodiscard]] std::uint64_t GetSent() const { return m_sent; }
+    // What the server refused the client with, before any message, as it came; cut where it is very long.
+    // Empty when it did not.
+    [[nodiscard]] std::string_view GetRefusal() const { return {m_refusal.data(), m_refusalSize}; }
     // The transport's monitor callback; `argument` is the monitor. Leaves errno as it was.
     static void Callback(const char* data, int length, int writing, void* argument);
 
 private:
+    void KeepRefusal(std::string_view received);
+
     CPipeliningFilter m_filter;
     bool m_traced = false;
     bool m_inData = false;
@@ -45,4 +55,9 @@ private:
     std::uint64_t m_sent = 0;
     int m_fieldsToCome = 0;
     bool m_fieldLost = false;
+    std::array<char, 1024> m_refusal = {};
+    std::size_t m_refusalSize = 0;
+    bool m_greeting = true; // no message has begun
+    bool m_replyBegins = true;
+    bool m_refusing = false; // the reply that is coming in
 };

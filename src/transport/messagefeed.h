@@ -39,7 +39,14 @@ public:
     CMessageFeed(CMessageSource& source, CDialogueMonitor& monitor, CTransportSocket& socket, Clock clock);
 
     // A dialogue begins, of one message or several.
-    void BeginDialogue(bool several) { m_several = several; }
+    void BeginDialogue(bool several)
+    {
+        m_several = several;
+        m_failure = 0;
+    }
+    // Why the last message of the dialogue was given up: an errno, ETIMEDOUT when the server took no data, 0
+    // when it was not.
+    [[nodiscard]] int GetFailure() const { return m_failure; }
     // The transport has written a line of the message, which it gathers in its buffer. Returns whether the
     // next one matters too.
     bool NoteLine(int length);

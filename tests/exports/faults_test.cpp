@@ -1,5 +1,6 @@
 // Every fault that a server can put into the dialogue, at each step of it: what the host is told, what the
 // server took, and that the thread's next mails go out. One table, most of it derived, drives one test.
+#include <algorithm>
 #include <csignal>
 #include <regex>
 #include <string>
@@ -150,6 +151,7 @@ void Check(const Row& row, const Variant& variant)
     });
     const CTempFolder folder;
     std::string protocol;
+    std::string report = "\n";
     int code = -1;
     const std::string trace = RunTraced([&] {
         Set(SmallMail(listens ? server.Port() : "1"));
@@ -162,6 +164,7 @@ void Check(const Row& row, const Variant& variant)
         for (const auto& file : std::filesystem::directory_iterator(folder.Path())) { // named by the thread
             protocol = ReadFile(file.path().string());
         }
+        report += Get("MailDeliveryReport");
         EXPECT_EQ(LastError(), 0);
         EXPECT_EQ(VelMailSetProperty("MailSubject", "Hello"),
                   result); // a failed delivery's code surfaces here
@@ -187,6 +190,18 @@ void Check(const Row& row, const Variant& variant)
         return count;
     };
     EXPECT_GE(reached(server, 1) + refused, code == 0 ? variant.recipients : 0);
+    // 250 is for those whose mail the server holds, and for all of them unless its answer was none, or came
+    // within the body.
+    const bool clear = code == 0 && rule.match != "BODY";
+    EXPECT_EQ(CountOf(report, "\n"), variant.recipients + 1) << report;
+    for (std::size_t at = 0; at < list.size(); at += 15) {
+        const std::string address = list.substr(at, 14);
+        const bool held = std::ranges::any_of(server.Mails(), [&](const CReceivedMail& mail) {
+            return mail.connection == 1 && std::ranges::count(mail.recipients, address) != 0;
+        });
+        const bool told = CountOf(report, "\n250 " + address + " ") != 0;
+        EXPECT_TRUE(told == held || (held && !clear)) << address << report;
+    }
     EXPECT_EQ(reached(server, 2), again ? variant.recipients : 0);
     EXPECT_EQ(reached(healthy, 1), variant.recipients);
     // The reset may come before the client knows that it is connected.

@@ -224,6 +224,9 @@ void Check(const Row& row, const Variant& variant)
         } else {
             EXPECT_EQ(VelMailSend(), row.code == 0 ? 1 : 0);
             const int code = LastError();
+            const std::string report = "\n" + Get("MailDeliveryReport");
+            EXPECT_EQ(CountOf(report, "\n"), variant.recipients + 1) << report;
+            EXPECT_EQ(CountOf(report, "\n250 "), code == 0 ? variant.recipients : 0) << report;
             // What came of an answer that nobody asked for may be seen before its end.
             const bool part = code == 665 && rule.match == "BODY" && rule.action != Continue;
             EXPECT_EQ(part ? row.code : code, row.code);
