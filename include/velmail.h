@@ -108,11 +108,11 @@ VELMAIL_API int VelMailConnect(void);
 /*
  * Builds one mail from the thread's properties, checks it and delivers it; blocks until the server has
  * answered or broken off.
- * Returns 1 when the server has answered for each recipient, also with a refusal: over SMTP a mail that it took
- * for nobody counts as sent. The property MailDeliveryReport tells who got the mail. Returns 0 when the mail
- * could not be built (the code is available at once) or its delivery failed (the code surfaces at the next
- * working call, convention 4). With MailProtocol "SUBMISSION" it returns 1 only when the
- * server took the mail for all recipients; else nobody gets it, and the code is there at once.
+ * Returns 1 when the server has answered for each recipient, also with a refusal: over SMTP a mail that it
+ * took for nobody counts as sent. The property MailDeliveryReport tells who got the mail. Returns 0 when the
+ * mail could not be built (the code is available at once) or its delivery failed (the code surfaces at the
+ * next working call, convention 4). With MailProtocol "SUBMISSION" it returns 1 only when the server took the
+ * mail for all recipients; else nobody gets it, and the code is there at once.
  */
 VELMAIL_API int VelMailSend(void);
 
@@ -167,15 +167,15 @@ VELMAIL_API int VelMailDisconnect(void);
  * MailDeliveryReport            text            read only: what the server said of each recipient, see below
  *
  * MailDeliveryReport tells what became of the thread's last send: for each recipient of each message, To, Cc
- * and Bcc in their order, one line that ends in a line feed: "550 eve@example.com 5.1.1 no such user". That is
- * the code, the mailbox and the server's last words for it: on one line, cut at 512 bytes, control bytes as
- * blanks. With a code from 200 to 299 the server has taken the mail for the recipient, with one from 400 to 599
- * refused it. With 0 it has not answered, and the words say why. Over MAPI the code is 250 or 0, and the words
- * are the client's result. The text is empty before the first send, after a reset, after a send that failed in
- * the checks before the delivery, and where there was no memory for it; a send that ends with a code from before
- * (convention 4) leaves it as it is. It is complete when VelMailSend returns, whatever the result, and can be
- * read at once: a code that is pending stays pending and is not told by the read, and the last error stays
- * unless the read itself fails.
+ * and Bcc in their order, one line that ends in a line feed: "550 eve@example.com 5.1.1 no such user". That
+ * is the code, the mailbox and the server's last words for it: on one line, cut at 512 bytes, control bytes
+ * as blanks. With a code from 200 to 299 the server has taken the mail for the recipient, with one from 400
+ * to 599 refused it. With 0 it has not answered, and the words say why. Over MAPI the code is 250 or 0, and
+ * the words are the client's result. The text is empty before the first send, after a reset, after a send
+ * that failed in the checks before the delivery, and where there was no memory for it; a send that ends with
+ * a code from before (convention 4) leaves it as it is. It is complete when VelMailSend returns, whatever the
+ * result, and can be read at once: a code that is pending stays pending and is not told by the read, and the
+ * last error stays unless the read itself fails.
  *
  * A reset (empty name) sets the defaults, with two values that a fresh thread does not have: MailServerPort
  * "25" and MailDialog 1.

@@ -193,11 +193,11 @@ Delivery CSMTPMailMessage::Settle() const
 
 void CSMTPMailMessage::Report(CDeliveryReport& report, int code, std::string_view words) const
 {
-    for (const auto& [transport, address] : m_recipients) {
-        const std::string_view mailbox = address->GetMailbox().View();
-        if (transport == nullptr) {
+    for (const Recipient& recipient : m_recipients) {
+        const std::string_view mailbox = recipient.address->GetMailbox().View();
+        if (recipient.transport == nullptr) {
             report.Add(mailbox, 0, "not sent: the mailbox cannot stand in a command");
-        } else if (const smtp_status_t* const status = Judge(transport).status) {
+        } else if (const smtp_status_t* const status = Judge(recipient.transport).status) {
             report.Add(mailbox, status->code, WordsOf(*status));
         } else {
             report.Add(mailbox, code, words);
