@@ -19,7 +19,7 @@
  *    that sets the next recipient straight after a failed delivery, and does not look at the result, sends
  * the next mail to the previous recipient. With MailProtocol "SUBMISSION" every code is there at once.
  * 5. Strings are zero-terminated single-byte texts; no encoding is assumed. They are copied: nothing the host
- *    passes is kept beyond the call, except memory blocks, which are read during VelMailSend. Error texts are
+ *    passes is kept beyond the call, except memory blocks, which are used during VelMailSend. Error texts are
  *    Windows-1252.
  * 6. Buffers belong to the host. Sizes are bytes and include the terminator.
  * 7. No C++ exception leaves a function, and SIGPIPE never reaches the host.
@@ -165,6 +165,8 @@ VELMAIL_API int VelMailDisconnect(void);
  * MailAuthMechanism             text            SUBMISSION: "PLAIN", "LOGIN", "CRAM-MD5", "XOAUTH2", ...
  * MailCharset                   text            SUBMISSION: "UTF-8", "ISO-8859-1" or "WINDOWS-1252"
  * MailDeliveryReport            text            read only: what the server said of each recipient, see below
+ * MailProgressMemoryAddress     text            24 bytes of the host: total, read, cancel word, see below
+ * MailTimeout                   text            seconds that the server may stay silent, 1 to 86400
  *
  * MailDeliveryReport tells what became of the thread's last send: for each recipient of each message, To, Cc
  * and Bcc in their order, one line that ends in a line feed: "550 eve@example.com 5.1.1 no such user". That
@@ -176,6 +178,22 @@ VELMAIL_API int VelMailDisconnect(void);
  * a code from before (convention 4) leaves it as it is. It is complete when VelMailSend returns, whatever the
  * result, and can be read at once: a code that is pending stays pending and is not told by the read, and the
  * last error stays unless the read itself fails.
+ *
+ * MailProgressMemoryAddress names one memory block of 24 bytes at an address that is a multiple of 8, three
+ * 64-bit unsigned integers in machine byte order; anything else: error 100 at the send. They are accessed
+ * atomically and relaxed, by the thread that sends, until VelMailSend returns. It writes the first, the bytes
+ * of text and attachments in all messages of this send, before the first of them goes out, and the second,
+ * how many of them it has read. A source whose size is not known beforehand counts as 0 in the first. The
+ * third is the host's: when another thread makes it not 0, the send ends at the next chunk or wait that sees
+ * it, nothing is delivered in part, and the result is 0 with the code 151, late or at once as a failed
+ * delivery's; messages of a bulk mail that were out stay out. The library never writes it. A mail that is out
+ * to its end is not cancelled any more: the result is the server's answer. Over SMTP the waits of the
+ * transport do not see it, over MAPI nothing does once the client has been asked.
+ *
+ * MailTimeout is how long the server may stay silent at any step; with SUBMISSION also how long connecting,
+ * encryption and login may take together. Over SMTP the system limits the connecting. Empty: the limits of
+ * the paths, 1 to 10 minutes. Anything but a plain number in the range: error 100 at the connect. Not used by
+ * MAPI.
  *
  * A reset (empty name) sets the defaults, with two values that a fresh thread does not have: MailServerPort
  * "25" and MailDialog 1.

@@ -16,6 +16,7 @@ inline constexpr int kInvalidValue = 100;
 inline constexpr int kDirectory = 118;
 inline constexpr int kFile = 121;
 inline constexpr int kFirstMapiResult = 150; // of the results of the mail client, which are added to it
+inline constexpr int kCancelled = kFirstMapiResult + 1; // also by the host, on every path
 inline constexpr int kMemoryOutput = 196;
 inline constexpr int kNoRecipient = 650;
 inline constexpr int kNoSubject = 651;

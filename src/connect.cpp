@@ -1,6 +1,9 @@
 #include "src/connect.h"
 
+#include <charconv>
 #include <new>
+#include <optional>
+#include <string_view>
 
 #include "src-baselib/errorcodes.h"
 #include "src-baselib/report.h"
@@ -20,6 +23,19 @@ CEString ValueOr(const CStringProperty& property, const char* otherwise, const c
     return {otherwise};
 }
 
+// Seconds; 0 for none, nothing for a text that is no limit.
+std::optional<std::int64_t> SilenceLimit(std::string_view text)
+{
+    constexpr std::int64_t kLongest = 86'400;
+    if (text.empty()) {
+        return 0;
+    }
+    std::int64_t seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    const bool number = error == std::errc() && end == text.data() + text.size();
+    return number && seconds >= 1 && seconds <= kLongest ? std::optional(seconds) : std::nullopt;
+}
+
 CMailConnectionInfo ReadConnectionInfo(const CLiveMailProperties& live, const char* port,
                                        const char* portWarning)
 {
@@ -37,6 +53,7 @@ CMailConnectionInfo ReadConnectionInfo(const CLiveMailProperties& live, const ch
     info.security = live.mailSecurity.GetString();
     info.caFile = live.mailSecurityCAFile.GetString();
     info.mechanism = live.mailAuthMechanism.GetString();
+    info.silenceLimit = *SilenceLimit(live.mailTimeout.GetString().View()) * 1000; // that is checked
     return info;
 }
 
@@ -79,12 +96,12 @@ int ConnectMapi(CCallFrame& frame)
     return 1; // a failed logon shows at the next call
 }
 
-int RejectProtocol(CCallFrame& frame, const CEString& protocol)
+int Reject(CCallFrame& frame, int code, const char* what, const CEString& value)
 {
     CEString text;
-    text.Format("Unknown mail protocol given in property 'MailProtocol': '%s'", protocol.CStr());
+    text.Format("%s: '%s'", what, value.CStr());
     Trace(TraceLevel::Error, "Error: %s", text.CStr());
-    RaiseError(codes::kUnknownProtocol, text.CStr());
+    RaiseError(code, text.CStr());
     return frame.Fail();
 }
 
@@ -101,6 +118,10 @@ int RunConnect(CCallFrame& frame)
     }
     frame.Begin();
     frame.Mail().Live().Dump();
+    if (!SilenceLimit(frame.Mail().Live().mailTimeout.GetString().View())) {
+        return Reject(frame, codes::kInvalidValue, "Property 'MailTimeout' has a value that cannot be used",
+                      frame.Mail().Live().mailTimeout.GetString());
+    }
     const CEString protocol =
         ValueOr(frame.Mail().Live().mailProtocol, "SMTP",
                 "Warning: Property 'MailProtocol' not set. Mail Protocol defaults to SMTP.");
@@ -113,7 +134,8 @@ int RunConnect(CCallFrame& frame)
     if (protocol == "SUBMISSION") {
         return ConnectSubmission(frame);
     }
-    return RejectProtocol(frame, protocol);
+    return Reject(frame, codes::kUnknownProtocol, "Unknown mail protocol given in property 'MailProtocol'",
+                  protocol);
 }
 
 int RunDisconnect(CCallFrame& frame)

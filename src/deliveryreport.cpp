@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "src-baselib/errorcodes.h"
 #include "src/errortexts.h"
 
 namespace {
@@ -59,6 +60,9 @@ void CDeliveryReport::Lose() noexcept
 
 std::string NotSentWords(int code)
 {
+    if (code == codes::kCancelled) { // whose text is of the mail client
+        return "not sent: cancelled";
+    }
     const char* const text = code == 0 ? nullptr : FindErrorText(kEnglishTexts, code);
     return text == nullptr ? "not sent" : std::string("not sent: ") + text;
 }

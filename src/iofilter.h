@@ -20,6 +20,9 @@ public:
     void SetName(const char* name) override { m_name = name; }
     [[nodiscard]] const CEString& GetName() const override { return m_name; }
 
+protected:
+    explicit IOFilter(IOLender& self) : IOElement(self) {}
+
 private:
     CEString m_name;
 };

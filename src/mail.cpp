@@ -107,7 +107,29 @@ std::int64_t CMailDocument::GetContentSize() const
                            });
 }
 
+bool CCountedStream::Read(void* buffer, std::int32_t& length)
+{
+    const bool read = GetInner()->Read(buffer, length);
+    m_progress.AddRead(read ? length : 0);
+    return read;
+}
+
+const char* CCountedStream::Lend(std::int32_t& length, std::int32_t unit)
+{
+    IOLender* const lender = GetInner()->GetLender();
+    const char* const bytes = lender == nullptr ? nullptr : lender->Lend(length, unit);
+    m_progress.AddRead(bytes == nullptr ? 0 : length);
+    return bytes;
+}
+
 IOElement* CMailDocument::OpenChosenStream()
+{
+    IOElement* const source = OpenSource();
+    m_counted.SetInner(source);
+    return source != nullptr && m_counted.IsWanted() ? &m_counted : source;
+}
+
+IOElement* CMailDocument::OpenSource()
 {
     if (m_memory.IsEmpty()) {
         m_file.SetName(m_fileName.CStr());
@@ -123,6 +145,23 @@ CrLfFilterIo* CMailTextBody::OpenStream()
 {
     m_textFilter.Restart(OpenChosenStream());
     return &m_textFilter;
+}
+
+std::uint64_t CMail::GetContentSize() const
+{
+    std::int64_t size = std::max<std::int64_t>(m_text.GetContentSize(), 0);
+    for (std::int32_t i = 0; i < m_attachments.GetCount(); ++i) {
+        size += std::max<std::int64_t>(m_attachments.At(i)->GetContentSize(), 0);
+    }
+    return static_cast<std::uint64_t>(size) * static_cast<std::uint64_t>(GetMessageCount());
+}
+
+void CMail::CountReads()
+{
+    m_text.CountReads(m_progress);
+    for (std::int32_t i = 0; i < m_attachments.GetCount(); ++i) {
+        m_attachments.At(i)->CountReads(m_progress);
+    }
 }
 
 std::vector<const CMailAddress*> CMail::GetRecipients(std::int32_t message) const

@@ -13,6 +13,7 @@
 #include "src/deliveryreport.h"
 #include "src/iofilter.h"
 #include "src/mailaddress.h"
+#include "src/sendprogress.h"
 
 // A file that delivers what a check saw of it: never more, and it knows when there was less.
 class CCheckedFile : public IOFile
@@ -32,6 +33,21 @@ private:
     std::int64_t m_checkedSize = -1;
     std::int64_t m_rest = -1; // bytes still to deliver in this pass
     bool m_failed = false;
+};
+
+// Tells the host what is read through it.
+class CCountedStream : public IOFilter, public IOLender
+{
+public:
+    CCountedStream() : IOFilter(static_cast<IOLender&>(*this)) {}
+
+    bool Read(void* buffer, std::int32_t& length) override;
+    [[nodiscard]] const char* Lend(std::int32_t& length, std::int32_t unit) override;
+    void SetProgress(const CSendProgress& progress) { m_progress = progress; }
+    [[nodiscard]] bool IsWanted() const { return m_progress.IsSet(); }
+
+private:
+    CSendProgress m_progress;
 };
 
 // Where the content of a text or an attachment comes from: a file, or blocks of the host's memory.
@@ -60,15 +76,20 @@ public:
     [[nodiscard]] bool IsDelivered() const { return !m_memory.IsEmpty() || m_file.IsDelivered(); }
     // The bytes of a whole pass; -1 when they are not known beforehand.
     [[nodiscard]] std::int64_t GetContentSize() const;
+    // What the passes from now on read is told there.
+    void CountReads(const CSendProgress& progress) { m_counted.SetProgress(progress); }
 
 protected:
     IOElement* OpenChosenStream();
 
 private:
+    IOElement* OpenSource();
+
     CEString m_fileName;
     CEString m_memory;
     CCheckedFile m_file;
     std::unique_ptr<IOMemory> m_memoryStream; // made by the first use
+    CCountedStream m_counted;                 // over one of them
 };
 
 // The mail text: its stream delivers CR LF line ends.
@@ -153,9 +174,17 @@ public:
     [[nodiscard]] CTraceFile* GetProtocol() const { return m_protocol; }
     CDeliveryReport& Report() { return m_report; }
 
+    // The host's view of the send.
+    CSendProgress& Progress() { return m_progress; }
+    // The bytes of text and attachments in all messages, as far as they are known beforehand.
+    [[nodiscard]] std::uint64_t GetContentSize() const;
+    // What is read of them from now on is for the messages.
+    void CountReads();
+
 private:
     CTraceFile* m_protocol = nullptr;
     CDeliveryReport m_report;
+    CSendProgress m_progress;
     COwnedArray<CMailAttachment> m_attachments;
     CEString m_subject;
     CMailAddress m_sender;

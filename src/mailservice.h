@@ -2,6 +2,8 @@
 // operations return false after raising an error.
 #pragma once
 
+#include <cstdint>
+
 #include "src-baselib/cestring.h"
 #include "src/mail.h"
 
@@ -20,6 +22,7 @@ public:
     CEString caFile;
     CEString mechanism;
     bool showDialog = false;
+    std::int64_t silenceLimit = 0; // milliseconds that the server may be silent; 0: the path's own limits
 };
 
 class CMailService

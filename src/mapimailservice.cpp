@@ -222,8 +222,12 @@ bool CMapiMailService::Send(CMail& mail)
         return Fail(codes::kMapiNotAvailable, kText);
     }
     Outgoing outgoing;
+    mail.CountReads();
     if (!Compose(mail, outgoing)) {
         return false;
+    }
+    if (mail.Progress().IsCancelled()) {
+        return Fail(codes::kCancelled, kCancelledText);
     }
     // Room for them before the mail is gone: nothing may fail for memory after that.
     m_handedOver.reserve(m_handedOver.size() + outgoing.privateFiles.size());
@@ -299,8 +303,12 @@ bool CMapiMailService::AddAttachments(CMail& mail, Outgoing& outgoing)
     outgoing.files.resize(static_cast<std::size_t>(count));
     for (std::int32_t i = 0; i < count; ++i) {
         CEString path;
-        if (!ChoosePath(*mail.Attachments().At(i), outgoing, path)) {
+        CMailAttachment& attachment = *mail.Attachments().At(i);
+        if (!ChoosePath(attachment, outgoing, path)) {
             return Fail(ErrorOf(kMapiAttachmentWriteFailure));
+        }
+        if (attachment.GetMemory().IsEmpty()) { // the client reads it
+            mail.Progress().AddRead(attachment.GetContentSize());
         }
         auto& kept = outgoing.paths[static_cast<std::size_t>(i)];
         *std::copy_n(path.CStr(), std::min(path.GetLength(), kLongestPath), kept.begin()) = '\0';

@@ -112,6 +112,8 @@ struct CMailProperties : CPropertySet
     CLaterProperty mailAuthMechanism{"MailAuthMechanism", *this};
     CLaterProperty mailCharset{"MailCharset", *this};
     CReportProperty mailDeliveryReport{"MailDeliveryReport", *this};
+    CLaterProperty mailProgressMemoryAddress{"MailProgressMemoryAddress", *this};
+    CLaterProperty mailTimeout{"MailTimeout", *this};
 };
 
 struct CLiveMailProperties : CMailProperties<CSeparatedStringProperty>

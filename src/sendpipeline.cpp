@@ -43,6 +43,7 @@ private:
     void WriteEnvironment(const CEWorkingDir& directory);
     void UseNumericLocaleC() const;
     bool Build(CMail& mail);
+    bool BuildProgress(CMail& mail);
     bool BuildSender(CMail& mail);
     bool BuildRecipients(CMail& mail);
     bool BuildReplyTo(CMail& mail);
@@ -138,12 +139,22 @@ bool CSendPipeline::Build(CMail& mail)
     mail.SetProtocol(&m_job);
     mail.SetAdditionalHeader(m_live.mailAdditionalSMTPHeader.GetString());
     mail.SetCharset(m_live.mailCharset.GetString());
-    if (!BuildSender(mail) || !BuildRecipients(mail) || !BuildReplyTo(mail) || !BuildSubject(mail) ||
-        !BuildAttachments(mail) || !BuildText(mail)) {
+    if (!BuildProgress(mail) || !BuildSender(mail) || !BuildRecipients(mail) || !BuildReplyTo(mail) ||
+        !BuildSubject(mail) || !BuildAttachments(mail) || !BuildText(mail)) {
         return false;
     }
     BuildContentType(mail);
     return BuildBulkMail(mail);
+}
+
+bool CSendPipeline::BuildProgress(CMail& mail)
+{
+    const CEString& block = m_live.mailProgressMemoryAddress.GetString();
+    return mail.Progress().Set(block.View()) ||
+           FailBoth(codes::kInvalidValue,
+                    Joined({"Property 'MailProgressMemoryAddress' has a value that cannot be used: '",
+                            block.View(), "'"})
+                        .CStr());
 }
 
 bool CSendPipeline::CheckAddress(const CEString& mailbox, const char* beginning)
@@ -336,7 +347,9 @@ int CSendPipeline::Deliver(CMail& mail)
 {
     int result = 0;
     try {
-        result = m_service->Send(mail) ? 1 : 0;
+        mail.Progress().Begin(mail.Progress().IsSet() ? mail.GetContentSize() : 0);
+        result = !mail.Progress().IsCancelled() ? m_service->Send(mail) ? 1 : 0
+                                                : FailBoth(codes::kCancelled, kCancelledText);
     } catch (const std::bad_alloc&) {
         TellHost(mail, codes::kNotEnoughMemory);
         throw;

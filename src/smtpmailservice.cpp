@@ -344,7 +344,8 @@ bool CSMTPMailService::Send(CMail& mail)
         CSMTPMailSession& session;
         ~SendEnd() { session.EndSend(); }
     } const end = {*m_session};
-    return PrepareMessages(mail) && m_session->Start(mail.Report());
+    mail.CountReads();
+    return PrepareMessages(mail) && m_session->Start(mail);
 }
 
 bool CSMTPMailService::Disconnect()

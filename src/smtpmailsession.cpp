@@ -161,6 +161,7 @@ bool CSMTPMailSession::Open()
     if (!SetServer()) {
         return false;
     }
+    SetSilenceLimit();
     m_authContext = auth_create_context();
     if (smtp_set_hostname(m_session, m_hostName.CStr()) == 0 || m_authContext == nullptr ||
         auth_set_mechanism_flags(m_authContext, AUTH_PLUGIN_PLAIN, 0) == 0 ||
@@ -182,6 +183,19 @@ bool CSMTPMailSession::SetServer()
         return false;
     }
     return true;
+}
+
+void CSMTPMailSession::SetSilenceLimit()
+{
+    if (m_info.silenceLimit == 0) {
+        return;
+    }
+    for (const int which :
+         {Timeout_GREETING, Timeout_ENVELOPE, Timeout_DATA, Timeout_TRANSFER, Timeout_DATA2}) {
+        smtp_set_timeout(m_session, which | Timeout_OVERRIDE_RFC2822_MINIMUM,
+                         static_cast<long>(m_info.silenceLimit));
+    }
+    m_feed.SetStallLimit(m_info.silenceLimit);
 }
 
 void CSMTPMailSession::Destroy()
@@ -276,7 +290,7 @@ void CSMTPMailSession::OnEvent(smtp_session_t session, int event, void* argument
     }
 }
 
-bool CSMTPMailSession::Start(CDeliveryReport& report)
+bool CSMTPMailSession::Start(CMail& job)
 {
     // Set anew, it gives back the server's canonical name of the send before, which the transport would lose.
     if (m_wasStarted && !SetServer()) {
@@ -301,7 +315,7 @@ bool CSMTPMailSession::Start(CDeliveryReport& report)
     const platform::CWriteSignalGuard guard;
     const CSocketErrorTrace errors;
     m_socket.Expect(m_info.port);
-    m_feed.BeginDialogue(m_messages.GetCount() - m_firstOfSend > 1);
+    m_feed.BeginDialogue(m_messages.GetCount() - m_firstOfSend > 1, job.Progress());
     MarkErrorNumber();
     const bool started = smtp_start_session(m_session) != 0;
     m_socket.Release();
@@ -310,7 +324,7 @@ bool CSMTPMailSession::Start(CDeliveryReport& report)
     if (text != nullptr) {
         TraceTransport("In %s: %s \n", "connect", text);
     }
-    return Settle(report, started, number);
+    return Settle(job.Report(), started, number);
 }
 
 bool CSMTPMailSession::Settle(CDeliveryReport& report, bool started, int number)
@@ -342,7 +356,7 @@ void CSMTPMailSession::Report(CDeliveryReport& report, bool started, int code,
         if (m_feed.GetFailure() == ETIMEDOUT) {
             words = "not sent: the server takes no more data";
         } else if (m_feed.GetFailure() != 0) {
-            words = NotSentWords(PendingError());
+            words = NotSentWords(m_feed.GetFailure() == ECANCELED ? codes::kCancelled : PendingError());
         } else if (!ReadRefusal(m_monitor.GetRefusal(), refused, words) && !started) {
             words = std::string("no connection: ") + (connectFailure == nullptr ? words : connectFailure);
         }

@@ -34,8 +34,8 @@ public:
     bool BeginSend();
     // Runs the dialogue for the messages added since BeginSend. True when every recipient was sent the mail
     // or refused by the server; otherwise the error of the failed dialogue is raised. Each recipient gets its
-    // line in the report, unless the dialogue could not begin.
-    bool Start(CDeliveryReport& report);
+    // line in the job's report, unless the dialogue could not begin.
+    bool Start(CMail& job);
     // Ends a send: its job will not be read again.
     void EndSend();
     void Destroy();
@@ -48,6 +48,7 @@ public:
 private:
     bool Open();
     bool SetServer();
+    void SetSilenceLimit();
     bool Settle(CDeliveryReport& report, bool started, int number);
     void Report(CDeliveryReport& report, bool started, int code, const char* connectFailure) const noexcept;
     static void OnEvent(smtp_session_t session, int event, void* argument, ...);

@@ -94,6 +94,7 @@ SubmissionFailure ReadSettings(const CMailConnectionInfo& info, SubmissionSettin
     settings.login = info.login.View();
     settings.password = info.password.View();
     settings.mechanism = info.mechanism.View();
+    settings.silenceLimit = info.silenceLimit;
     if (SubmissionFailure failure = ReadSecurity(info, settings); failure.IsSet()) {
         return failure;
     }
@@ -106,9 +107,9 @@ SubmissionFailure ReadSettings(const CMailConnectionInfo& info, SubmissionSettin
     return {};
 }
 
-SubmissionEnvelope ReadEnvelope(const CMail& mail, std::int32_t message)
+SubmissionEnvelope ReadEnvelope(CMail& mail, std::int32_t message)
 {
-    SubmissionEnvelope envelope = {std::string(mail.Sender().GetMailbox().View()), {}};
+    SubmissionEnvelope envelope = {std::string(mail.Sender().GetMailbox().View()), {}, mail.Progress()};
     for (const CMailAddress* const recipient : mail.GetRecipients(message)) {
         envelope.recipients.emplace_back(recipient->GetMailbox().View());
     }
@@ -123,6 +124,7 @@ void Report(CDeliveryReport& report, const SubmissionEnvelope& envelope, const C
     try {
         const std::string why = failure.code == codes::kRecipientRefused
                                     ? "not sent: another recipient was refused"
+                                : failure.code == codes::kCancelled         ? NotSentWords(failure.code)
                                 : !failure.IsSet() || !failure.text.empty() ? failure.text
                                                                             : NotSentWords(PendingError());
         for (std::size_t i = 0; i < envelope.recipients.size(); ++i) {
@@ -148,7 +150,7 @@ bool CSubmissionMailService::Connect(const CMailConnectionInfo& info)
     m_curl = curl;
     SubmissionFailure failure = ReadSettings(info, m_settings);
     if (!failure.IsSet()) {
-        failure = OpenConnection();
+        failure = OpenConnection({});
     }
     if (failure.IsSet()) {
         m_curl = nullptr; // a send must not go where the host could not connect
@@ -157,20 +159,21 @@ bool CSubmissionMailService::Connect(const CMailConnectionInfo& info)
     return true;
 }
 
-SubmissionFailure CSubmissionMailService::OpenConnection()
+SubmissionFailure CSubmissionMailService::OpenConnection(const CSendProgress& progress)
 {
     m_dialogue.reset();
-    SubmissionFailure failure = m_connection.Open(*m_curl, m_settings);
+    SubmissionFailure failure = m_connection.Open(*m_curl, m_settings, progress);
     if (!failure.IsSet()) {
-        m_dialogue = std::make_unique<CSubmissionDialogue>(m_connection, m_connection.GetOffer());
+        m_dialogue = std::make_unique<CSubmissionDialogue>(m_connection, m_connection.GetOffer(),
+                                                           m_settings.silenceLimit);
     }
     return failure;
 }
 
-SubmissionFailure CSubmissionMailService::HaveConnection()
+SubmissionFailure CSubmissionMailService::HaveConnection(const CSendProgress& progress)
 {
     return m_dialogue != nullptr && m_connection.IsOwn() && m_dialogue->IsQuiet() ? SubmissionFailure{}
-                                                                                  : OpenConnection();
+                                                                                  : OpenConnection(progress);
 }
 
 bool CSubmissionMailService::Send(CMail& mail)
@@ -185,29 +188,41 @@ bool CSubmissionMailService::Send(CMail& mail)
     }
     CStandardComposer composer;
     bool sent = composer.Prepare(mail, MakeMessageId(platform::HostName()).View());
+    mail.CountReads(); // not what has been read to look at the text
     const std::int32_t messages = sent ? mail.GetMessageCount() : 0;
     for (std::int32_t i = 0; i < messages; ++i) {
-        if (const SubmissionFailure failure = HaveConnection(); failure.IsSet()) {
-            mail.Report().Explain(failure.text);
-            return Fail(failure, &mail); // nor would there be one for the messages behind
+        const bool cancelled = mail.Progress().IsCancelled();
+        SubmissionFailure failure = cancelled ? SubmissionFailure{codes::kCancelled, kCancelledText}
+                                              : HaveConnection(mail.Progress());
+        const bool ready = !failure.IsSet();
+        if (ready) {
+            composer.SetOnlyRecipient(bulk ? i : -1);
+            failure = SendMessage(mail, composer, i);
         }
-        composer.SetOnlyRecipient(bulk ? i : -1);
-        sent = SendMessage(mail, composer, i) && sent;
+        if (failure.IsSet()) {
+            sent = Fail(failure, &mail);
+        }
+        if (!ready || failure.code == codes::kCancelled) { // nor would it be for the messages behind
+            mail.Report().Explain(failure.code == codes::kCancelled ? NotSentWords(failure.code)
+                                                                    : failure.text);
+            break;
+        }
     }
     return sent;
 }
 
-bool CSubmissionMailService::SendMessage(CMail& mail, CStandardComposer& composer, std::int32_t message)
+SubmissionFailure CSubmissionMailService::SendMessage(CMail& mail, CStandardComposer& composer,
+                                                      std::int32_t message)
 {
     const SubmissionEnvelope envelope = ReadEnvelope(mail, message);
     composer.Begin(mail);
-    const SubmissionFailure failure = m_dialogue->Deliver(envelope, composer, composer.EstimateSize());
+    SubmissionFailure failure = m_dialogue->Deliver(envelope, composer, composer.EstimateSize());
     Report(mail.Report(), envelope, *m_dialogue, failure);
     if (!m_dialogue->IsUsable()) {
         m_dialogue.reset();
         m_connection.Close();
     }
-    return !failure.IsSet() || Fail(failure, &mail);
+    return failure;
 }
 
 bool CSubmissionMailService::Disconnect()

@@ -29,9 +29,9 @@ public:
 
 private:
     // The same connection again where it still stands, else a new one.
-    [[nodiscard]] SubmissionFailure HaveConnection();
-    [[nodiscard]] SubmissionFailure OpenConnection();
-    bool SendMessage(CMail& mail, CStandardComposer& composer, std::int32_t message);
+    [[nodiscard]] SubmissionFailure HaveConnection(const CSendProgress& progress);
+    [[nodiscard]] SubmissionFailure OpenConnection(const CSendProgress& progress);
+    SubmissionFailure SendMessage(CMail& mail, CStandardComposer& composer, std::int32_t message);
 
     const CurlLibrary* m_curl = nullptr; // null: there was no successful connect
     SubmissionSettings m_settings;

@@ -55,6 +55,9 @@ constexpr std::array kProperties = {
     PropertyInfo{"MailCharset", PropertyKind::Text, "SUBMISSION: UTF-8, ISO-8859-1 or WINDOWS-1252"},
     PropertyInfo{"MailDeliveryReport", PropertyKind::ReadOnly,
                  "what the server said of each recipient, after a send"},
+    PropertyInfo{"MailProgressMemoryAddress", PropertyKind::Text,
+                 "24 bytes of the host's memory: total, read, cancel word"},
+    PropertyInfo{"MailTimeout", PropertyKind::Text, "seconds that the server may stay silent, 1 to 86400"},
 };
 
 constexpr const char* kUsage = R"(Usage: velmail [--library PATH] Name=Value ...

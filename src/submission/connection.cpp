@@ -76,10 +76,12 @@ bool CSubmissionConnection::IsOwn() const
     return m_handle != nullptr && m_process == platform::CurrentProcessId();
 }
 
-SubmissionFailure CSubmissionConnection::Open(const CurlLibrary& curl, const SubmissionSettings& settings)
+SubmissionFailure CSubmissionConnection::Open(const CurlLibrary& curl, const SubmissionSettings& settings,
+                                              const CSendProgress& progress)
 {
     Close();
-    const std::int64_t end = platform::MonotonicMilliseconds() + kOpenLimit;
+    const std::int64_t end =
+        platform::MonotonicMilliseconds() + (settings.silenceLimit == 0 ? kOpenLimit : settings.silenceLimit);
     network::Place place;
     if (SubmissionFailure failure = LookUp(settings, place); failure.IsSet()) {
         return failure;
@@ -89,6 +91,7 @@ SubmissionFailure CSubmissionConnection::Open(const CurlLibrary& curl, const Sub
                                                                  : SubmissionSecurity::StartTls;
     m_curl = &curl;
     m_watch = {};
+    m_progress = progress;
     m_error[0] = '\0';
     m_wasConnected = false;
     m_process = platform::CurrentProcessId();
@@ -142,7 +145,13 @@ bool CSubmissionConnection::SetOptions(const SubmissionSettings& settings, const
            Set(CURLOPT_DEBUGFUNCTION, &CSubmissionConnection::OnDebug) && Set(CURLOPT_DEBUGDATA, this) &&
            Set(CURLOPT_OPENSOCKETFUNCTION, &CSubmissionConnection::OnSocket) &&
            Set(CURLOPT_CLOSESOCKETFUNCTION, &CSubmissionConnection::OnClose) &&
-           Set(CURLOPT_CLOSESOCKETDATA, this) && SetSecurity(settings) && SetLogin(settings);
+           Set(CURLOPT_CLOSESOCKETDATA, this) &&
+           (!m_progress.IsSet() || (Set(CURLOPT_XFERINFOFUNCTION, &CSubmissionConnection::OnProgress) &&
+                                    Set(CURLOPT_XFERINFODATA, this) && Set(CURLOPT_NOPROGRESS, 0L))) &&
+           // libcurl has a limit of its own for each answer, shorter than what the host may want.
+           (settings.silenceLimit == 0 ||
+            Set(CURLOPT_SERVER_RESPONSE_TIMEOUT, static_cast<long>(settings.silenceLimit / 1000))) &&
+           SetSecurity(settings) && SetLogin(settings);
 }
 
 bool CSubmissionConnection::SetSecurity(const SubmissionSettings& settings)
@@ -199,6 +208,8 @@ SubmissionFailure CSubmissionConnection::Judge(CURLcode result, const Submission
     switch (result) {
     case CURLE_OK:
         return {};
+    case CURLE_ABORTED_BY_CALLBACK:
+        return {codes::kCancelled, kCancelledText};
     case CURLE_OUT_OF_MEMORY:
         return {codes::kNotEnoughMemory, "Not enough memory."};
     case CURLE_COULDNT_CONNECT:
@@ -312,6 +323,12 @@ curl_socket_t CSubmissionConnection::OnSocket(void* /*self*/, curlsocktype /*pur
 {
     const network::Socket made = network::Open(address->family, address->socktype, address->protocol);
     return made == network::kNoSocket ? CURL_SOCKET_BAD : static_cast<curl_socket_t>(made);
+}
+
+int CSubmissionConnection::OnProgress(void* self, curl_off_t /*total*/, curl_off_t /*now*/,
+                                      curl_off_t /*upTotal*/, curl_off_t /*up*/)
+{
+    return static_cast<CSubmissionConnection*>(self)->m_progress.IsCancelled() ? 1 : 0;
 }
 
 int CSubmissionConnection::OnClose(void* self, curl_socket_t socket)

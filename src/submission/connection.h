@@ -11,6 +11,7 @@
 #include "src/submission/failure.h"
 #include "src/submission/loginwatch.h"
 #include "src/submission/network.h"
+#include "src/sendprogress.h"
 
 enum class SubmissionSecurity : std::uint8_t
 {
@@ -29,7 +30,8 @@ struct SubmissionSettings
     std::string certificatesFile;
     std::string login; // empty: none
     std::string password;
-    std::string mechanism; // empty: PLAIN, else LOGIN
+    std::string mechanism;         // empty: PLAIN, else LOGIN
+    std::int64_t silenceLimit = 0; // milliseconds, also to the end of the login; 0: kOpenLimit
 };
 
 class CSubmissionConnection : public CWire
@@ -39,8 +41,10 @@ public:
 
     ~CSubmissionConnection() override { Close(); }
 
-    // Connects, secures, logs in. After a failure the connection is closed.
-    [[nodiscard]] SubmissionFailure Open(const CurlLibrary& curl, const SubmissionSettings& settings);
+    // Connects, secures, logs in. After a failure the connection is closed. Fails with 151 within some
+    // seconds after the host has cancelled, but for the time that a look-up of names takes.
+    [[nodiscard]] SubmissionFailure Open(const CurlLibrary& curl, const SubmissionSettings& settings,
+                                         const CSendProgress& progress);
     // Ends it without a word. In a child process the parent's connection is not touched.
     void Close();
     // It is open, and this process's.
@@ -71,6 +75,7 @@ private:
     static std::size_t OnHeader(char* bytes, std::size_t size, std::size_t count, void* self);
     static int OnDebug(CURL* handle, curl_infotype type, char* bytes, std::size_t size, void* self);
     static curl_socket_t OnSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
+    static int OnProgress(void* self, curl_off_t total, curl_off_t now, curl_off_t upTotal, curl_off_t up);
     static int OnClose(void* self, curl_socket_t socket);
 
     const CurlLibrary* m_curl = nullptr;
@@ -80,6 +85,7 @@ private:
     std::uint32_t m_process = 0;
     SubmissionSecurity m_security = SubmissionSecurity::ByPort; // what became of it
     bool m_wasConnected = false;                                // a socket that libcurl has closed
+    CSendProgress m_progress;
     CLoginWatch m_watch;
     char m_error[CURL_ERROR_SIZE] = "";
 };

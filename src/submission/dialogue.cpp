@@ -14,7 +14,8 @@ namespace {
 constexpr std::size_t kGroup = 16'384;   // bytes of commands sent together
 constexpr std::size_t kGathered = 8'192; // bytes that go out with the command before them, copied
 constexpr std::size_t kReceive = 4'096;
-constexpr std::size_t kLongestKept = 512; // bytes of the words for a refused recipient
+constexpr std::int64_t kWatchInterval = 100; // milliseconds
+constexpr std::size_t kLongestKept = 512;    // bytes of the words for a refused recipient
 
 // Bytes of a piece of DATA, and of a chunk. What is small is still in the processor's nearest memory when it
 // is sent; a chunk whose answer is waited for should be large.
@@ -66,8 +67,9 @@ SubmissionOffer SubmissionOffer::Read(std::string_view replyText)
     return offer;
 }
 
-CSubmissionDialogue::CSubmissionDialogue(CWire& wire, const SubmissionOffer& offer)
-    : m_wire(wire), m_offer(offer), m_roomSize(RoomSize(offer)), m_room(new char[m_roomSize])
+CSubmissionDialogue::CSubmissionDialogue(CWire& wire, const SubmissionOffer& offer, std::int64_t silenceLimit)
+    : m_wire(wire), m_offer(offer), m_silenceLimit(silenceLimit), m_writeLimit(Limit(kReplyLimit)),
+      m_roomSize(RoomSize(offer)), m_room(new char[m_roomSize])
 {
 }
 
@@ -235,8 +237,38 @@ bool CSubmissionDialogue::Ask(Step step, std::string_view command, std::int64_t 
     return Write(command) && Settle(limit) && !m_failure.IsSet();
 }
 
+// Once the message is out, what counts is the server's answer.
+bool CSubmissionDialogue::IsCancelled()
+{
+    const bool isOut = !m_open.empty() && m_open.back().step == Step::End;
+    return m_deciding && !isOut && m_envelope->progress.IsCancelled() &&
+           !Break(codes::kCancelled, kCancelledText);
+}
+
+// Breaks with the text `silence` after so many milliseconds.
+bool CSubmissionDialogue::Wait(bool toSend, std::int64_t limit, const char* silence)
+{
+    const bool watched = m_deciding && m_envelope->progress.IsSet();
+    const std::int64_t end = platform::MonotonicMilliseconds() + limit;
+    for (std::int64_t rest = limit; rest > 0; rest = end - platform::MonotonicMilliseconds()) {
+        if (IsCancelled()) {
+            return false;
+        }
+        if (m_wire.Wait(toSend, watched ? std::min(rest, kWatchInterval) : rest)) {
+            return true;
+        }
+        if (!watched) {
+            break;
+        }
+    }
+    return Break(codes::kDroppedConnection, silence);
+}
+
 bool CSubmissionDialogue::WritePiece(std::string_view command, std::string_view piece)
 {
+    if (IsCancelled()) {
+        return false;
+    }
     if (piece.size() > kGathered) {
         return Write(command) && Write(piece);
     }
@@ -256,11 +288,8 @@ bool CSubmissionDialogue::Write(std::string_view bytes)
             // What the server said before it hung up tells more than that it did.
             return TakeArrived() && Break(codes::kDroppedConnection, "The server closed the connection.");
         case WireState::Blocked:
-            if (!TakeArrived()) {
+            if (!TakeArrived() || !Wait(true, m_writeLimit, "The server takes no more data.")) {
                 return false;
-            }
-            if (!m_wire.Wait(true, m_limit)) {
-                return Break(codes::kDroppedConnection, "The server takes no more data.");
             }
         }
     }
@@ -306,8 +335,9 @@ bool CSubmissionDialogue::TakeArrived()
     return false;
 }
 
-bool CSubmissionDialogue::Settle(std::int64_t limit)
+bool CSubmissionDialogue::Settle(std::int64_t usual)
 {
+    const std::int64_t limit = usual == kQuitLimit ? std::min(usual, Limit(usual)) : Limit(usual);
     for (std::int64_t end = platform::MonotonicMilliseconds() + limit; !m_open.empty();) {
         bool going = true;
         if (TakeReply(going) == ReplyState::Complete) {
@@ -323,9 +353,9 @@ bool CSubmissionDialogue::Settle(std::int64_t limit)
         if (state == WireState::Ended) {
             return Break(codes::kDroppedConnection, "The server closed the connection.");
         }
-        const std::int64_t rest = end - platform::MonotonicMilliseconds();
-        if (state == WireState::Blocked && (rest <= 0 || !m_wire.Wait(false, rest))) {
-            return Break(codes::kDroppedConnection, "The server is silent.");
+        if (state == WireState::Blocked &&
+            !Wait(false, end - platform::MonotonicMilliseconds(), "The server is silent.")) {
+            return false;
         }
     }
     return true;
@@ -428,7 +458,7 @@ void CSubmissionDialogue::Reset()
 
 void CSubmissionDialogue::Quit()
 {
-    m_limit = kQuitLimit;
+    m_writeLimit = std::min(kQuitLimit, m_writeLimit);
     m_failure = {};
     if (IsQuiet()) {
         Ask(Step::Quit, "QUIT\r\n", kQuitLimit);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "src/messagesource.h"
+#include "src/sendprogress.h"
 #include "src/submission/dotstuffing.h"
 #include "src/submission/failure.h"
 #include "src/submission/replyreader.h"
@@ -57,6 +58,7 @@ struct SubmissionEnvelope
 {
     std::string sender;
     std::vector<std::string> recipients;
+    CSendProgress progress{}; // is looked at before each piece and, at short intervals, in each wait
 };
 
 class CSubmissionDialogue
@@ -67,12 +69,14 @@ public:
     static constexpr std::int64_t kQuitLimit = 5'000;
 
     // The wire must live as long as the dialogue.
-    CSubmissionDialogue(CWire& wire, const SubmissionOffer& offer);
+    // `silenceLimit`, in milliseconds, stands for the first two limits; 0: they hold.
+    CSubmissionDialogue(CWire& wire, const SubmissionOffer& offer, std::int64_t silenceLimit = 0);
 
     // Whether the connection can carry another message: it is open and the server has said nothing unasked.
     [[nodiscard]] bool IsQuiet();
     // Sends the message that `source` has begun. `size` is its size in bytes or a little more, -1 for
-    // unknown. Throws what the source throws; the dialogue is over then.
+    // unknown. Throws what the source throws; the dialogue is over then. Fails with 151, and is over, when
+    // the host cancels before the message has gone out whole.
     SubmissionFailure Deliver(const SubmissionEnvelope& envelope, CMessageSource& source, std::int64_t size);
     // What the server said last of a recipient of the last message; code 0: nothing that decides.
     [[nodiscard]] const SubmissionReply& GetAnswer(std::size_t recipient) const;
@@ -104,11 +108,18 @@ private:
     // Fills the room; false when the source failed.
     bool Pull(CMessageSource& source, std::string_view& piece, bool& end);
     bool IsSilent();
+    bool IsCancelled();
+    bool Wait(bool toSend, std::int64_t limit, const char* silence);
     bool Ask(Step step, std::string_view command, std::int64_t limit);
     bool WritePiece(std::string_view command, std::string_view piece);
     bool Write(std::string_view bytes);
     bool TakeArrived();
-    bool Settle(std::int64_t limit);
+    [[nodiscard]] std::int64_t Limit(std::int64_t usual) const
+    {
+        return m_silenceLimit == 0 ? usual : m_silenceLimit;
+    }
+    // All limits given are the usual ones.
+    bool Settle(std::int64_t usual);
     ReplyState TakeReply(bool& going);
     WireState ReceiveMore();
     bool Answer(SubmissionReply& reply);
@@ -132,7 +143,8 @@ private:
     bool m_delivering = false;
     bool m_inBody = false;
     bool m_sizeGiven = false;
-    std::int64_t m_limit = kReplyLimit;
+    const std::int64_t m_silenceLimit; // 0: the limits of the steps
+    std::int64_t m_writeLimit;
     const std::size_t m_roomSize;
     std::unique_ptr<char[]> m_room;
     std::string m_gathered;

@@ -51,11 +51,21 @@ const char* CMessageFeed::Begin(CMail& job, int fieldCount)
 
 bool CMessageFeed::HasStalled()
 {
-    if (m_handedOver < 0 || m_clock() - m_handedOver < kStallMilliseconds) {
+    if (m_handedOver < 0 || m_clock() - m_handedOver < m_stallLimit) {
         return false;
     }
     Trace(TraceLevel::Error, "Error: The server took no data for %d seconds. The message is given up.",
-          static_cast<int>(kStallMilliseconds / 1000));
+          static_cast<int>(m_stallLimit / 1000));
+    return true;
+}
+
+bool CMessageFeed::IsCancelled()
+{
+    if (!m_progress.IsCancelled()) {
+        return false;
+    }
+    Trace(TraceLevel::Error, "Error: %s", kCancelledText);
+    RaiseError(codes::kCancelled, kCancelledText);
     return true;
 }
 
@@ -163,7 +173,9 @@ std::int32_t CMessageFeed::Shape(std::int32_t used)
         }
         m_socket.SendAtOnce(true);
     }
-    m_room = std::min(m_room * 2, inData ? kMostInStream : kMostInChunks);
+    if (m_growing) {
+        m_room = std::min(m_room * 2, inData ? kMostInStream : kMostInChunks);
+    }
     return used;
 }
 
@@ -174,6 +186,11 @@ const char* CMessageFeed::Next(int& length)
     // The transport asks again after an end that cut a line: the answer must stay the same.
     if (m_failure == 0 && HasStalled()) {
         m_failure = ETIMEDOUT;
+        m_held = 0;
+    }
+    // Asked also before the end, which a cancelled message must not get.
+    if (m_failure == 0 && IsCancelled()) {
+        m_failure = ECANCELED;
         m_held = 0;
     }
     std::int32_t used = std::exchange(m_held, 0);

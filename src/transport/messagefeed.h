@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "src/messagesource.h"
+#include "src/sendprogress.h"
 #include "src/transport/dialoguemonitor.h"
 #include "src/transport/transportsocket.h"
 
@@ -30,7 +31,7 @@ public:
     static constexpr std::int32_t kFirstInStream = 8'192;
     static constexpr std::int32_t kMostInStream = 65'536;
     // The transport throws a buffer away when the server takes no data for this long, and goes on behind the
-    // hole.
+    // hole; unless it was told another time.
     static constexpr std::int64_t kStallMilliseconds = 180'000;
     // It holds a line whole, and ends the process when there is no memory for it.
     static constexpr std::int64_t kLongestLine = 16'000'000;
@@ -38,14 +39,22 @@ public:
     // All three must outlive the feed.
     CMessageFeed(CMessageSource& source, CDialogueMonitor& monitor, CTransportSocket& socket, Clock clock);
 
+    // The transport throws a buffer away after so many milliseconds. What is handed over at once then stays
+    // small: each write of it may wait as long before the stall is noticed.
+    void SetStallLimit(std::int64_t milliseconds)
+    {
+        m_stallLimit = milliseconds;
+        m_growing = false;
+    }
     // A dialogue begins, of one message or several.
-    void BeginDialogue(bool several)
+    void BeginDialogue(bool several, const CSendProgress& progress)
     {
         m_several = several;
+        m_progress = progress;
         m_failure = 0;
     }
-    // Why the last message of the dialogue was given up: an errno, ETIMEDOUT when the server took no data, 0
-    // when it was not.
+    // Why the last message of the dialogue was given up: an errno, ETIMEDOUT when the server took no data,
+    // ECANCELED when the host has cancelled, 0 when it was not.
     [[nodiscard]] int GetFailure() const { return m_failure; }
     // The transport has written a line of the message, which it gathers in its buffer. Returns whether the
     // next one matters too.
@@ -67,6 +76,7 @@ private:
     void LookEarly(std::int32_t first);
     std::int32_t Shape(std::int32_t used);
     bool HasStalled();
+    bool IsCancelled();
     bool IsLineTooLong(std::string_view pulled);
     void MakeRoom(std::int32_t used);
 
@@ -82,6 +92,9 @@ private:
     std::int64_t m_handedOver = -1; // when the last chunk was; -1: none yet
     std::int64_t m_lineLength = 0;
     bool m_several = false;
+    std::int64_t m_stallLimit = kStallMilliseconds;
+    bool m_growing = true;
+    CSendProgress m_progress;
     std::size_t m_written = 0; // by the transport of this message, at most; counted to one write
     std::uint64_t m_bytes = 0; // of this message that were handed over
     std::int32_t m_heldAt = 0; // what was pulled and not handed over, in the buffer

@@ -1,4 +1,6 @@
 // What a host learns of a send beside its result: who got the mail, how far it is, and how it is ended.
+#include <atomic>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -223,6 +225,167 @@ TEST(Report, HasEveryRecipientOfEveryMessage)
         });
         EXPECT_EQ(CountOf(trace, "MailDeliveryReport"), 2U) << "in the reads, and in no dump";
     }
+}
+
+// The host's block; its words are read and written while another thread sends.
+struct Progress
+{
+    alignas(8) std::uint64_t words[3] = {7, 7, 0};
+
+    [[nodiscard]] std::uint64_t At(int word) { return std::atomic_ref(words[word]).load(); }
+    void Cancel() { std::atomic_ref(words[2]).store(1); }
+    [[nodiscard]] std::string Address() const
+    {
+        return std::to_string(reinterpret_cast<std::uintptr_t>(words)) + ";24";
+    }
+};
+
+TEST(Progress, EndsASendAtTheNextChunkOrWait)
+{
+    const std::string large(104'857'600, 'x');
+    const std::string not1 = "0 bob@host.example not sent: cancelled\n";
+    const std::string was = "250 bob@host.example ok\n";
+    const std::string first = "250 a@host.example ok\n0 b@host.example not sent: cancelled\n"
+                              "0 c@host.example not sent: cancelled\n";
+    const struct
+    {
+        std::string name;
+        CServerRule rule; // at whose step the host cancels, on the server's thread
+        bool attached, bulk;
+        int code[2]; // SMTP, SUBMISSION
+        std::string report;
+        bool chunks = false;
+    } rows[] = {
+        {"before the connect", {}, false, false, {151, 151}, not1},
+        {"in the envelope", {"RCPT", 1, "250 ok\r\n"}, false, false, {151, 151}, not1},
+        {"in the text", {"DATA", 1, "354 go\r\n"}, false, false, {151, 151}, not1},
+        {"in the attachment", {"BODY", 1, "", Continue, 3'000'000}, true, false, {151, 151}, not1},
+        {"in the chunks", {"BODY", 1, "", Continue, 3'000'000}, true, false, {151, 151}, not1, true},
+        {"between two messages", {"DOT", 1, "250 ok\r\n"}, false, true, {151, 151}, first},
+        {"at the final answer", {"DOT", 1, "250 ok\r\n"}, false, false, {0, 0}, was},
+        {"at a final answer that refuses",
+         {"DOT", 1, "550 no\r\n"},
+         false,
+         false,
+         {0, 62},
+         "550 bob@host.example no\n"},
+        {"in a wait", {"DATA", 1, "", Silent}, false, false, {-1, 151}, not1},
+        {"in a connect", {"connect", 1, "", Silent, 0, 2}, false, false, {-1, 151}, not1},
+    };
+    for (const auto& row : rows) {
+        for (const int path : {0, 1}) {
+            if (row.code[path] < 0) {
+                continue; // this transport's waits are its own
+            }
+            SCOPED_TRACE(row.name + (path == 0 ? ", SMTP" : ", SUBMISSION"));
+            Progress progress;
+            CServerRule rule = row.rule;
+            const bool before = rule.match.empty();
+            rule.before = [&] { progress.Cancel(); };
+            CServerOptions options = path == 0 ? CServerOptions{} : Secured(ECertificate::Right);
+            if (row.chunks) {
+                options.extensions.emplace_back("CHUNKING");
+            }
+            CScriptedServer server({rule, {"DOT", 0, "250 ok\r\n"}, {"LAST", 0, "250 ok\r\n"}}, options);
+            std::thread([&] {
+                Set(MailBy(path == 0 ? "SMTP" : "", server, {}));
+                EXPECT_EQ(VelMailConnect(), 1);
+                if (rule.connection == 2) {
+                    server.DropConnections();
+                }
+                Set({{"MailProgressMemoryAddress", progress.Address()}});
+                if (row.bulk) {
+                    Set({{"MailRecipientsMailBox", "a@host.example;b@host.example;c@host.example"},
+                         {"UseBulkMail", "1"}});
+                }
+                if (row.attached) {
+                    Set({{"MailAttachmentFilename", "large"}, {"MailAttachmentMemoryAddress", Block(large)}});
+                }
+                if (before) {
+                    progress.Cancel();
+                }
+                const int code = row.code[path];
+                EXPECT_EQ(VelMailSend(), code == 0 ? 1 : 0);
+                EXPECT_EQ(LastError(), path == 0 ? 0 : code);
+                EXPECT_EQ(Get("MailDeliveryReport"), row.report);
+                EXPECT_EQ(VelMailDisconnect(), path == 0 && code != 0 ? 0 : 1);
+                EXPECT_EQ(LastError(), path == 0 ? code : 0);
+                const std::uint64_t text = 10;
+                const std::uint64_t total = (text + (row.attached ? large.size() : 0)) * (row.bulk ? 3 : 1);
+                EXPECT_EQ(progress.At(0), total);
+                EXPECT_EQ(row.code[0] == 0 ? progress.At(1) : total, total);
+                EXPECT_LT(progress.At(1), row.attached ? total / 2 : row.bulk ? total : total + 1);
+            }).join();
+            server.Stop();
+            EXPECT_EQ(server.Mails().size(), CountOf(row.report, "250 "));
+            EXPECT_EQ(before && path == 0 ? server.Connections() : 0, 0U);
+        }
+    }
+}
+
+TEST(Progress, RefusesABlockThatIsNone)
+{
+    CScriptedServer server;
+    std::thread([&] {
+        Progress progress;
+        const auto address = reinterpret_cast<std::uintptr_t>(progress.words);
+        Set(SmallMail(server.Port()));
+        EXPECT_EQ(VelMailConnect(), 1);
+        for (const std::string& block :
+             {std::to_string(address) + ";16", std::to_string(address) + ";32",
+              std::to_string(address + 4) + ";24", progress.Address() + ";" + progress.Address(),
+              std::to_string(address), std::string("0;24"), std::string("here")}) {
+            Set({{"MailProgressMemoryAddress", block}});
+            EXPECT_EQ(VelMailSend(), 0) << block;
+            EXPECT_EQ(LastError(), 100) << block;
+        }
+        Set({{"MailProgressMemoryAddress", progress.Address()}});
+        EXPECT_EQ(SendAndDisconnect(), 0);
+        EXPECT_EQ(progress.At(0), 10U);
+        EXPECT_EQ(progress.At(1), 10U);
+    }).join();
+    EXPECT_EQ(server.Mails().size(), 1U);
+}
+
+TEST(Timeout, EndsTheServersSilence)
+{
+    for (const char* const step : {"connect", "EHLO", "MAIL", "RCPT", "DATA", "DOT", "BDAT", "LAST"}) {
+        for (const int path : {0, 1}) {
+            const bool chunks = std::string(step) == "BDAT" || std::string(step) == "LAST";
+            if (chunks && path == 0 && !TransportSendsChunks()) {
+                continue;
+            }
+            SCOPED_TRACE(std::string(step) + (path == 0 ? ", SMTP" : ", SUBMISSION"));
+            CServerOptions options = path == 0 ? CServerOptions{} : Secured(ECertificate::Right);
+            if (chunks) {
+                options.extensions.emplace_back("CHUNKING");
+            }
+            const bool single = path == 1 && std::string(step) == "BDAT"; // all in the last chunk
+            CScriptedServer server({{.match = single ? "LAST" : step, .action = Silent}}, options);
+            std::thread([&] {
+                Set(MailBy(path == 0 ? "SMTP" : "", server, {{"MailTimeout", "1"}}));
+                EXPECT_EQ(VelMailConnect() == 1 ? SendAndDisconnect() : LastError(), 664);
+            }).join();
+            EXPECT_EQ(server.Mails().size(), 0U);
+        }
+    }
+}
+
+TEST(Timeout, IsANumberOfSeconds)
+{
+    CScriptedServer server;
+    for (const char* const protocol : {"SMTP", "SUBMISSION", "MAPI"}) {
+        std::thread([&] {
+            Set(MailBy("SMTP", server, {{"MailProtocol", protocol}}));
+            for (const char* const value :
+                 {"0", "-1", "86401", "1.5", " 1", "1 ", "ten", "99999999999999999999"}) {
+                Set({{"MailTimeout", value}});
+                EXPECT_EQ(VelMailConnect(), 0) << value;
+                EXPECT_EQ(LastError(), 100) << value;
+            }
+        }).join();
+    }
+    std::thread([&] { EXPECT_EQ(Deliver(SmallMail(server.Port(), {{"MailTimeout", "86400"}})), 0); }).join();
 }
 
 } // namespace
