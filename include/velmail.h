@@ -182,10 +182,10 @@ VELMAIL_API int VelMailDisconnect(void);
  * MailProgressMemoryAddress names one memory block of 24 bytes at an address that is a multiple of 8, three
  * 64-bit unsigned integers in machine byte order; anything else: error 100 at the send. They are accessed
  * atomically and relaxed, by the thread that sends, until VelMailSend returns. It writes the first, the bytes
- * of text and attachments in all messages of this send, before the first of them goes out, and the second,
- * how many of them it has read. A source whose size is not known beforehand counts as 0 in the first. The
- * third is the host's: when another thread makes it not 0, the send ends at the next chunk or wait that sees
- * it, nothing is delivered in part, and the result is 0 with the code 151, late or at once as a failed
+ * that the texts and attachments of this send have, before the first of them goes out, and the second, how
+ * many of them it has read. A source whose size is not known beforehand counts as 0 in the first. The third
+ * is the host's: when another thread makes it not 0, the send ends at the next chunk or wait that sees it,
+ * nothing is delivered in part, and the result is 0 with the code 151, late or at once as a failed
  * delivery's; messages of a bulk mail that were out stay out. The library never writes it. A mail that is out
  * to its end is not cancelled any more: the result is the server's answer. Over SMTP the waits of the
  * transport do not see it, over MAPI nothing does once the client has been asked.

@@ -242,7 +242,8 @@ struct Progress
 
 TEST(Progress, EndsASendAtTheNextChunkOrWait)
 {
-    const std::string large(104'857'600, 'x');
+    std::string large;
+    large.resize(104'857'600, 'x');
     const std::string not1 = "0 bob@host.example not sent: cancelled\n";
     const std::string was = "250 bob@host.example ok\n";
     const std::string first = "250 a@host.example ok\n0 b@host.example not sent: cancelled\n"
@@ -251,26 +252,20 @@ TEST(Progress, EndsASendAtTheNextChunkOrWait)
     {
         std::string name;
         CServerRule rule; // at whose step the host cancels, on the server's thread
-        bool attached, bulk;
-        int code[2]; // SMTP, SUBMISSION
+        int code[2];      // SMTP, SUBMISSION
         std::string report;
-        bool chunks = false;
+        bool attached = false, bulk = false, chunks = false;
     } rows[] = {
-        {"before the connect", {}, false, false, {151, 151}, not1},
-        {"in the envelope", {"RCPT", 1, "250 ok\r\n"}, false, false, {151, 151}, not1},
-        {"in the text", {"DATA", 1, "354 go\r\n"}, false, false, {151, 151}, not1},
-        {"in the attachment", {"BODY", 1, "", Continue, 3'000'000}, true, false, {151, 151}, not1},
-        {"in the chunks", {"BODY", 1, "", Continue, 3'000'000}, true, false, {151, 151}, not1, true},
-        {"between two messages", {"DOT", 1, "250 ok\r\n"}, false, true, {151, 151}, first},
-        {"at the final answer", {"DOT", 1, "250 ok\r\n"}, false, false, {0, 0}, was},
-        {"at a final answer that refuses",
-         {"DOT", 1, "550 no\r\n"},
-         false,
-         false,
-         {0, 62},
-         "550 bob@host.example no\n"},
-        {"in a wait", {"DATA", 1, "", Silent}, false, false, {-1, 151}, not1},
-        {"in a connect", {"connect", 1, "", Silent, 0, 2}, false, false, {-1, 151}, not1},
+        {"before the connect", {}, {151, 151}, not1},
+        {"in the envelope", {"RCPT", 1, "250 ok\r\n"}, {151, 151}, not1},
+        {"at the text", {"DATA", 1, "354 go\r\n"}, {151, 151}, not1},
+        {"in the attachment", {"BODY", 1, "", Continue, 3'000'000}, {151, 151}, not1, true},
+        {"in the chunks", {"BODY", 1, "", Continue, 3'000'000}, {151, 151}, not1, true, false, true},
+        {"between two messages", {"DOT", 1, "250 ok\r\n"}, {151, 151}, first, false, true},
+        {"at the final answer", {"DOT", 1, "250 ok\r\n"}, {0, 0}, was},
+        {"at a refusal", {"DOT", 1, "550 no\r\n"}, {0, 62}, "550 bob@host.example no\n"},
+        {"in a wait", {"DATA", 1, "", Silent}, {-1, 151}, not1},
+        {"in a connect", {"connect", 1, "", Silent, 0, 2}, {-1, 151}, not1},
     };
     for (const auto& row : rows) {
         for (const int path : {0, 1}) {

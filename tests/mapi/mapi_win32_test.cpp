@@ -230,4 +230,36 @@ TEST_F(MailClient, ResultsReachTheHost)
     }
 }
 
+TEST_F(MailClient, ItsResultIsEachRecipientsAndAllIsRead)
+{
+    const struct
+    {
+        const char* send;
+        int code;
+        std::string line; // but for the mailbox
+    } rows[] = {{"0", 0, "250 ? MAPI call finished without an error\n"},
+                {"1", 0, "0 ? MAPI action cancelled by the user\n"},
+                {"26", 176, "0 ? Function not supported by the mail client (MAPI)\n"},
+                {"", 151, "0 ? not sent: cancelled\n"}}; // by the host
+    const std::string file = m_folder.Write("file.txt", "file");
+    for (const auto& [send, code, line] : rows) {
+        Answer("0", send);
+        std::thread([&, code = code, line = line, cancelled = *send == '\0'] {
+            alignas(8) std::uint64_t progress[3] = {7, 7, cancelled ? 1U : 0U};
+            Set(Mail({{"MailRecipientsMailBox", "a@host.example;b@host.example"},
+                      {"MailProgressMemoryAddress",
+                       std::to_string(reinterpret_cast<std::uintptr_t>(progress)) + ";24"},
+                      {"MailAttachmentFilename", file}}));
+            EXPECT_EQ(VelMailConnect(), 1);
+            EXPECT_EQ(SendAndDisconnect(), code);
+            const std::string lines = std::regex_replace(line, std::regex("\\?"), "a@host.example") +
+                                      std::regex_replace(line, std::regex("\\?"), "b@host.example");
+            EXPECT_EQ(Get("MailDeliveryReport"), lines);
+            EXPECT_EQ(progress[0], 14U);
+            EXPECT_EQ(progress[1], cancelled ? 0U : 14U);
+        }).join();
+    }
+    EXPECT_EQ(CountOf(ReadFile(m_folder.Path("record")), "MAPISendMail"), 3U);
+}
+
 } // namespace
