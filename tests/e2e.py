@@ -128,20 +128,6 @@ class CommandLineHost(unittest.TestCase):
         name = self.inbox.mails.pop().content.partition(b'filename="')[2].partition(b'"')[0]
         self.assertIn(name, ("gr\xfc\xdfe.txt".encode(encoding) for encoding in ("utf-8", "cp1252")))
 
-    def test_failures_name_their_reason_and_end_with_1(self):
-        (self.folder / "t").write_text("x")
-        for arguments, wanted_text in (
-            (["MailTextFilename=missing"], "error 695: Error with Mail Text"),
-            (["MailTextFilename=t", "MailServerPort=1"], "error 682: Error not known"),
-            (["MailTextFilename=t", "MailServer=no.such.host.invalid"], "error 67"),
-            (["MailTextFilename=t", "MailSubjekt=x"], "MailSubjekt"),
-            (["MailTextMemoryAddress=@missing"], "missing"),
-        ):
-            result = self.send(*arguments)
-            self.assertEqual(result.returncode, 1, result)
-            self.assertIn(wanted_text, result.stderr)
-        self.assertEqual(self.inbox.mails, [])
-
     def test_a_trace_that_another_process_holds_leads_to_a_letter(self):
         (self.folder / "t").write_text("x")
         self.inbox.go.clear()

@@ -74,7 +74,7 @@ def submit(folder, ports, log):
                 assert (copy["Subject"], copy["Bcc"], copy.defects) == ("Test", None, []), copy.as_string()[:2000]
         failed = subprocess.run([TOOL, f"MailServerPort={port}", *common, f"MailSecurity={security}",
                                  "MailAuthPassword=wrong"], cwd=folder, env={"VEL_MAILTRACE": "trace;DEBUG"})
-        assert failed.returncode == 1
+        assert failed.returncode == 5
         assert b"Setting error 655 (The server refused the login: 535 " in (folder / "trace").read_bytes()
         read_until("disconnect from", 1, log)
 

@@ -163,7 +163,7 @@ class Submission(unittest.TestCase):
                         Inbox(certificate, security == "TLS") as inbox:
                     result, trace = self.send(inbox, {"MailServer": server, "MailSecurity": security,
                                                       "MailSecurityCAFile": authority})
-                    self.assertEqual((result.returncode, len(inbox.mails)), (0, 1) if taken else (1, 0), (result, trace))
+                    self.assertEqual((result.returncode, len(inbox.mails)), (0, 1) if taken else (4, 0), (result, trace))
                     self.assertEqual("error 654" in result.stderr, not taken, result)
                     self.assertEqual(trace.count("Error: Setting error 654 ("),
                                      not taken, trace)
@@ -189,7 +189,7 @@ class Submission(unittest.TestCase):
                 with self.subTest(mechanism=mechanism, password=password), Inbox("right", auth_required=True) as inbox:
                     result, trace = self.send(inbox, {"MailAuthLogin": "ada", "MailAuthPassword": password,
                                                       "MailAuthMechanism": mechanism})
-                    self.assertEqual((result.returncode, len(inbox.mails)), (1, 0) if code else (0, 1), (result, trace))
+                    self.assertEqual((result.returncode, len(inbox.mails)), (5, 0) if code else (0, 1), (result, trace))
                     self.assertEqual(f"error {code}" in result.stderr, code != 0, result)
                     for secret in (password, base64.b64encode(f"\0ada\0{password}".encode()).decode()):
                         self.assertNotIn(secret, trace)

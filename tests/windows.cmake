@@ -17,7 +17,7 @@ add_custom_command(TARGET partial_transport POST_BUILD
     COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:VelMail64> ${VELMAIL_PARTIAL} VERBATIM)
 add_dependencies(partial_transport VelMail64)
 add_test(NAME LoadedHostWithPartialTransport COMMAND loader ${VELMAIL_PARTIAL}/VelMail64.dll 697)
-velmail_wine_tests(CommandLineHost SubmissionHost Example.c Example.cpp LoadedHost LoadedHostWithoutTransport LoadedHostWithPartialTransport)
+velmail_wine_tests(CommandLineHost HostOutcomes SubmissionHost Example.c Example.cpp LoadedHost LoadedHostWithoutTransport LoadedHostWithPartialTransport)
 
 add_test(NAME Binaries COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/install/binaries.sh ${CMAKE_OBJDUMP}
     ${PROJECT_SOURCE_DIR}/cmake/VelMail64.def $<TARGET_FILE:VelMail64> $<TARGET_FILE:esmtp> $<TARGET_FILE:curl_library>)

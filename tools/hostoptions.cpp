@@ -3,6 +3,8 @@
 #include <array>
 #include <cstddef>
 
+#include "tools/hostoutcome.h"
+
 namespace {
 
 constexpr std::array kProperties = {
@@ -55,23 +57,33 @@ constexpr std::array kProperties = {
     PropertyInfo{"MailCharset", PropertyKind::Text, "SUBMISSION: UTF-8, ISO-8859-1 or WINDOWS-1252"},
     PropertyInfo{"MailDeliveryReport", PropertyKind::ReadOnly,
                  "what the server said of each recipient, after a send"},
-    PropertyInfo{"MailProgressMemoryAddress", PropertyKind::Text,
-                 "24 bytes of the host's memory: total, read, cancel word"},
+    PropertyInfo{"MailProgressMemoryAddress", PropertyKind::Host,
+                 "24 bytes of the host's memory; this program uses its own"},
     PropertyInfo{"MailTimeout", PropertyKind::Text, "seconds that the server may stay silent, 1 to 86400"},
 };
 
-constexpr const char* kUsage = R"(Usage: velmail [--library PATH] Name=Value ...
+constexpr const char* kUsage = R"(Usage: velmail [OPTION ...] Name=Value ...
        velmail [--library PATH] [Name=Value ...] --get Name ...
        velmail [--library PATH] --version
        velmail --help
 
-Sets the properties of one mail, connects, sends the mail and disconnects. Prints the result, the error
-number and its text. The exit status is 0 for success and 1 for any failure.
+Sets the properties of one mail, connects, sends the mail and disconnects, and says what became of it.
 
+  --quiet          print errors alone: no result of a mail that was sent, no progress
+  --trace FILE     keep the trace of the library in FILE (or "FILE;DEBUG"), as VEL_MAILTRACE=FILE does
   --library PATH   load this library, not the one that belongs to the program
   --get Name       print the value of a property after the settings and send nothing; may be repeated
-  --version        print the version of the library and where it was loaded from
+  --version        print the versions of the program and of the library, and where that was loaded from
   --help           print this text
+
+The exit status:
+  0  every recipient's server said yes
+  1  the mail could not be built: a setting or a file is wrong
+  2  wrong usage
+  3  the server refused a recipient or the mail; each refusal is printed with the server's words
+  4  no connection, or it was lost, or it could not be secured
+  5  the login was refused
+  6  cancelled with Ctrl-C: the server has no mail, but for messages of UseBulkMail that it had before
 
 Properties (names are case-sensitive, values are passed on byte for byte, of repeated settings the last
 counts; parts of a list are separated by ";" without blanks; a flag is a number):
@@ -85,9 +97,8 @@ Name=@FILE is for the two properties of kind @file: FILE is read at once and han
    They are named after their files, or by MailAttachmentFilename, which then needs one name for each.
    Attachments come either all from memory or all from files.
 
-Over SMTP a server's refusal of a recipient or of the mail is a warning in the trace, not a failure of the send;
-with SUBMISSION it fails the send, and nobody gets the mail. Set VEL_MAILTRACE=FILE (or "FILE;DEBUG") in the
-environment to get a trace.
+Over SMTP those recipients whom the server did not refuse get the mail; with SUBMISSION a refusal of one is one for
+all. The reason of a failure is read from a trace, in a private temporary file unless one is named.
 
 Examples:
   velmail MailServer=mail.example.org MailServerPort=25 MailSenderMailBox=me@example.org \
@@ -113,6 +124,8 @@ const char* KindText(PropertyKind kind)
         return "text";
     case PropertyKind::ReadOnly:
         return "read";
+    case PropertyKind::Host:
+        return "text";
     }
     return "";
 }
@@ -146,7 +159,7 @@ public:
             return false;
         }
         if (value.empty()) {
-            throw CHostFailure("'" + option + "' needs a value; try --help");
+            throw CHostFailure("'" + option + "' needs a value; try --help", ExitStatus::Usage);
         }
         return true;
     }
@@ -161,10 +174,10 @@ Setting ReadSetting(const std::string& argument)
 {
     const std::size_t separator = argument.find('=');
     if (argument.starts_with("-")) {
-        throw CHostFailure("unknown option '" + argument + "'; try --help");
+        throw CHostFailure("unknown option '" + argument + "'; try --help", ExitStatus::Usage);
     }
     if (separator == std::string::npos || separator == 0) {
-        throw CHostFailure("'" + argument + "' is not of the form Name=Value; try --help");
+        throw CHostFailure("'" + argument + "' is not of the form Name=Value; try --help", ExitStatus::Usage);
     }
     return {argument.substr(0, separator), argument.substr(separator + 1)};
 }
@@ -183,6 +196,10 @@ HostOptions ReadOptions(const std::vector<std::string>& arguments)
         }
         if (reader.Current() == "--version") {
             options.action = HostAction::Version;
+        } else if (reader.Current() == "--quiet") {
+            options.quiet = true;
+        } else if (reader.TakeOption("--trace", options.trace)) {
+            continue;
         } else if (reader.TakeOption("--get", query)) {
             options.queries.push_back(query);
         } else if (!reader.TakeOption("--library", options.library)) {
@@ -193,7 +210,7 @@ HostOptions ReadOptions(const std::vector<std::string>& arguments)
         return options;
     }
     if (options.settings.empty() && options.queries.empty()) {
-        throw CHostFailure("there is nothing to send; try --help");
+        throw CHostFailure("there is nothing to send; try --help", ExitStatus::Usage);
     }
     options.action = options.queries.empty() ? HostAction::Send : HostAction::Get;
     return options;

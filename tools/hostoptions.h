@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -11,10 +10,11 @@ enum class PropertyKind : std::uint8_t
 {
     Text,
     List,
-    Flag,    // read as a 32-bit int
-    Blocks,  // memory blocks, given as @FILE
-    Secret,  // a text, also given as @FILE
-    ReadOnly // a text that cannot be set
+    Flag,     // read as a 32-bit int
+    Blocks,   // memory blocks, given as @FILE
+    Secret,   // a text, also given as @FILE
+    ReadOnly, // a text that cannot be set
+    Host      // a text that the command-line host sets itself
 };
 
 struct PropertyInfo
@@ -42,15 +42,10 @@ struct HostOptions
 {
     HostAction action = HostAction::Send;
     std::string library; // empty: the program's own
+    std::string trace;   // as VEL_MAILTRACE has it; empty: what that says
+    bool quiet = false;
     std::vector<Setting> settings;
     std::vector<std::string> queries;
-};
-
-// A failure that ends the program; the text is for the user and stands on one line.
-class CHostFailure : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
 };
 
 // Reads the arguments after the program's name. Throws CHostFailure for a command line that makes no sense.
