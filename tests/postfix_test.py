@@ -45,38 +45,8 @@ def main(folder, ports, log):
                          for part in copy.get_payload()]
                 assert parts == wanted, [(name, encoding, content[:200]) for name, encoding, content in parts]
                 assert not any(part.defects for part in copy.walk())
-    submit(folder, ports[2:], log)
     wrong = demo_submission.run(TOOL, folder, ports[2:], log)  # umlauts in both charsets, an attachment of no bytes
     assert not wrong, wrong
-
-
-def submit(folder, ports, log):
-    """With encryption and login: sent with the right password, refused in the server's words with a wrong one."""
-    (folder / "letter").write_text("Hello\n.\n..two\n" + "line\n" * 200_000)
-    (folder / "password").write_text("s3cret\n")
-    common = ["MailProtocol=SUBMISSION", "MailServer=localhost", f"MailSecurityCAFile={folder}/certificate.pem",
-              "MailSenderMailBox=me@host.example", "MailSubject=Test", "MailRecipientsMailBox=to@host.example",
-              "MailBCCRecipientsMailBox=bcc@host.example", "MailTextFilename=letter", "MailAuthLogin=ada"]
-    for port, security, transfer in zip(ports, ("STARTTLS", "TLS"), (" bdat=", " data=")):
-        for mechanism in ("", "LOGIN", "CRAM-MD5"):
-            subprocess.run([TOOL, f"MailServerPort={port}", *common, f"MailSecurity={security}",
-                            "MailAuthPassword=@password", f"MailAuthMechanism={mechanism}"],
-                           cwd=folder, env={"VEL_MAILTRACE": "trace;DEBUG"}, check=True)
-            assert b"s3cret" not in (folder / "trace").read_bytes()
-            entries = read_until("status=|disconnect from", 3, log)
-            assert (entries.count("status=sent"), entries.count(transfer)) == (2, 1), entries
-            assert "sasl_username=ada" in entries, entries
-            box = mailbox.Maildir(folder / "box/all", create=False)
-            copies = [box.pop(key) for key in box.keys()]
-            assert {copy["Delivered-To"] for copy in copies} == {"to@host.example", "bcc@host.example"}
-            for copy in copies:
-                assert copy.get_payload(decode=True).endswith((folder / "letter").read_bytes()), copy.as_string()[:2000]
-                assert (copy["Subject"], copy["Bcc"], copy.defects) == ("Test", None, []), copy.as_string()[:2000]
-        failed = subprocess.run([TOOL, f"MailServerPort={port}", *common, f"MailSecurity={security}",
-                                 "MailAuthPassword=wrong"], cwd=folder, env={"VEL_MAILTRACE": "trace;DEBUG"})
-        assert failed.returncode == 5
-        assert b"Setting error 655 (The server refused the login: 535 " in (folder / "trace").read_bytes()
-        read_until("disconnect from", 1, log)
 
 
 def give_up(*_):

@@ -10,20 +10,22 @@
 
 #include "files.h"
 #include "system.h"
+#include "tools/hostlibrary.h"
 #include "velmail.h"
 
 namespace {
 
 struct CLibrary
 {
-    void* module = LoadModule(VELMAIL_LIBRARY);
+    std::string reason;
+    HostLibrary module = LoadHostLibrary(VELMAIL_LIBRARY, reason);
     decltype(&VelMailSetProperty) set = Find<decltype(set)>("VelMailSetProperty");
     decltype(&VelMailConnect) connect = Find<decltype(connect)>("VelMailConnect");
 
     template<class Function>
     Function Find(const char* name) const
     {
-        return reinterpret_cast<Function>(FindFunction(module, name));
+        return reinterpret_cast<Function>(FindHostFunction(module, name));
     }
 };
 
@@ -32,8 +34,8 @@ TEST(Load, LeavesNothingBehindWithThreadsThatComeAndGo)
     const CTempFolder folder;
     const std::string setting = folder.Path("host.log") + ";ERROR";
     Holdings before = {};
-    for (int round = 0; round < 1000; ++round) {
-        if (round == 200) { // what the system and the C runtime keep for themselves is there by now
+    for (int round = 0; round < 300; ++round) {
+        if (round == 100) { // what the system and the C runtime keep for themselves is there by now
             before = CountHoldings();
         }
         // A file for each thread: of all rounds they would slow the folder down.

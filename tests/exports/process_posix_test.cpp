@@ -1,4 +1,4 @@
-// The host's process around the library: its pipes, its folder, its limits, its children and its end.
+// The host's process around the library: its functions, pipes, folder, limits, children and end.
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -10,15 +10,32 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "host.h"
 #include "smtpserver.h"
+#include "submission.h"
 #include "system.h"
 #include "velmail.h"
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// A host may have functions of the same names as libcurl's, which must not get the calls.
+extern "C" {
+[[gnu::visibility("default")]] void* curl_easy_init()
+{
+    std::abort();
+}
+[[gnu::visibility("default")]] int curl_multi_add_handle(void* /*multi*/, void* /*easy*/)
+{
+    std::abort();
+}
+}
+#endif
 
 namespace {
 
@@ -80,6 +97,7 @@ TEST(Process, StaysInAFolderThatIsRemovedOrHasNoNameThatFits)
         EXPECT_EQ(stat(".", &now), 0);
         EXPECT_EQ(now.st_ino, home.st_ino) << depth;
         EXPECT_EQ(server.Mails().size(), 1U) << depth;
+        EXPECT_EQ(CountOf(trace, "    Working directory: " + workSpace.Path() + "\r\n"), 1U);
         EXPECT_LT(trace.find("Kann das Arbeitsverzeichnis"), trace.find("Current directory changed"))
             << trace;
         std::filesystem::current_path(before);
@@ -174,6 +192,41 @@ TEST(Process, EndsBesideThreadsThatSend)
         std::exit(0);
     };
     EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+}
+
+TEST(Submission, LeavesTheParentsConnectionToTheParent)
+{
+    CScriptedServer server({}, Secured());
+    std::thread([&] {
+        Set(Submission(server));
+        EXPECT_EQ(VelMailConnect(), 1);
+        for (const bool sends : {true, false}) {
+            const pid_t child = fork();
+            if (child == 0) {
+                for (int number = 0; number < 256; ++number) { // no program that it starts gets the socket
+                    sockaddr_in peer = {};
+                    socklen_t size = sizeof peer;
+                    const bool ours = getpeername(number, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+                                      std::to_string(ntohs(peer.sin_port)) == server.Port();
+                    if (ours && (fcntl(number, F_GETFD) & FD_CLOEXEC) == 0) {
+                        _exit(2);
+                    }
+                }
+                const bool sent = !sends || VelMailSend() == 1;
+                _exit(sent && VelMailDisconnect() == 1 ? 0 : 1);
+            }
+            int status = -1;
+            EXPECT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_EQ(status, 0);
+            EXPECT_EQ(VelMailSend(), 1);
+        }
+        EXPECT_EQ(VelMailDisconnect(), 1);
+    }).join();
+    server.Stop();
+    EXPECT_EQ(server.Connections(), 2U);
+    EXPECT_EQ(server.Mails().size(), 3U);
+    EXPECT_TRUE(server.EndedWithQuit(1));
+    EXPECT_TRUE(server.EndedWithQuit(2));
 }
 
 } // namespace

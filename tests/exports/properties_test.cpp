@@ -73,8 +73,13 @@ TEST(Exports, ReadPropertiesByTheirKind)
         Set({{"MailSubject", "Hello"}, {"UseBulkMail", "2"}});
         EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 5), 0);
         EXPECT_EQ(LastError(), 47);
+        EXPECT_STREQ(buffer.data(), "");
         EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 0x80000000U), 0);
         EXPECT_EQ(LastError(), 47);
+        EXPECT_EQ(VelMailGetProperty("MailSubject", nullptr, 6), 0);
+        EXPECT_EQ(LastError(), 29);
+        EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 0), 1) << "the size alone";
+        EXPECT_STREQ(buffer.data(), "6");
         EXPECT_EQ(VelMailGetProperty("MailSubject", buffer.data(), 6), 1);
         EXPECT_STREQ(buffer.data(), "Hello");
         EXPECT_EQ(VelMailGetProperty("UseBulkMail", &number, sizeof number), 1);

@@ -14,3 +14,8 @@ for binary in "${@:3}"; do
     fi
 done
 grep -q libesmtp-6.dll "$library"
+texts=$(strings --encoding=l "$library") # the older ones alone, and the version
+for text in "Kein Zugriff auf Tracedatei" "No access to tracefile" ProductVersion; do
+    grep -qF "$text" <<<"$texts"
+done
+! grep -F "No recipient specified" <<<"$texts"

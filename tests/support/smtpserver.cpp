@@ -2,21 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <charconv>
+#include <cstdlib>
 #include <chrono>
 #include <map>
 #include <string_view>
 #include <utility>
 
 namespace {
-std::string Upper(std::string text)
-{
-    std::ranges::transform(text, text.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
-
 std::string Mailbox(const std::string& line)
 {
     const std::size_t open = std::min(line.find('<'), line.size());
@@ -77,16 +69,16 @@ private:
 
     bool Execute(const std::string& line)
     {
-        const std::string verb = Upper(line.substr(0, line.find(' ')));
+        const std::string verb = line.substr(0, line.find(' '));
         {
             const std::lock_guard lock(m_server.m_mutex);
             m_commands.push_back(line);
         }
         if (verb == "BDAT")
-            return TakeChunk(Upper(line));
-        if (verb == "AUTH" && !AskForLogin(Upper(line)))
+            return TakeChunk(line);
+        if (verb == "AUTH" && !AskForLogin(line))
             return false;
-        const bool startTls = m_server.m_options.tls != nullptr && m_tls == nullptr;
+        const bool startTls = m_server.m_options.startTls && m_tls == nullptr;
         const CServerRule answer =
             Decide(FindRule(verb), HealthyReply(verb, m_server.m_options.extensions, startTls));
         if (answer.reply.starts_with('2')) {
@@ -108,11 +100,8 @@ private:
             return false;
         m_input.clear();
         m_taken = 0;
-        auto channel = std::make_unique<CTlsChannel>(*m_server.m_options.tls, m_socket);
-        if (!channel->Accept())
-            return false;
-        m_tls = std::move(channel);
-        return true;
+        m_tls = AcceptTls(m_socket);
+        return m_tls != nullptr;
     }
 
     // The questions of the mechanism, but for the last answer.
@@ -155,10 +144,7 @@ private:
 
     bool TakeChunk(const std::string& command)
     {
-        std::size_t size = 0;
-        const char* const end = command.data() + command.size();
-        if (std::from_chars(std::min(command.data() + 5, end), end, size).ec != std::errc())
-            return Deliver({.reply = "501 size\r\n"});
+        std::size_t size = std::strtoul(command.c_str() + 4, nullptr, 10);
         if (!std::exchange(m_mail.viaBdat, true))
             m_bodyRule = FindRule("BODY");
         for (size += m_mail.data.size();;) {
@@ -232,8 +218,6 @@ private:
             rest.remove_prefix(piece.size());
             if (!(m_tls ? m_tls->Send(piece) : sockets::Send(m_socket, piece)))
                 return false;
-            // A client that does not read is waited for once, not at every piece.
-            m_paced = m_paced && (rest.empty() || sockets::WaitUntilRead(m_socket));
         }
         if (!answer.match.empty()) {
             const std::lock_guard lock(m_server.m_mutex);
@@ -277,7 +261,6 @@ private:
     CReceivedMail m_mail;
     const CServerRule* m_bodyRule = nullptr;
     EServerAction m_end = EServerAction::Close;
-    bool m_paced = true;
     std::thread m_thread; // last: it uses all the others
 };
 
@@ -311,10 +294,8 @@ void CScriptedServer::Stop()
         const std::lock_guard lock(m_mutex);
         m_stopping = true;
         sockets::Interrupt(m_listener);
-        for (const auto& connection : m_connections)
-            if (connection->m_socket != sockets::none)
-                sockets::Interrupt(connection->m_socket);
     }
+    DropConnections();
     m_acceptor.join();
     sockets::Close(m_listener);
     for (const auto& connection : m_connections)
@@ -354,7 +335,7 @@ std::vector<std::string> CScriptedServer::Commands(std::size_t connection) const
 bool CScriptedServer::EndedWithQuit(std::size_t connection) const
 {
     const std::vector<std::string> commands = Commands(connection);
-    return !commands.empty() && Upper(commands.back()) == "QUIT";
+    return !commands.empty() && commands.back() == "QUIT";
 }
 
 std::vector<CReceivedMail> CScriptedServer::Mails() const

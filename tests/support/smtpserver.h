@@ -26,7 +26,7 @@ enum class EServerAction
 // The first rule that fits a step decides it.
 struct CServerRule
 {
-    // "connect" (the greeting), a command verb in capitals, "BODY" (a body in DATA or BDAT has reached
+    // "connect" (the greeting), a command verb, "BODY" (a body in DATA or BDAT has reached
     // bodyBytes), "DOT" (the answer to the final dot) or "LAST" (the answer to BDAT LAST; "BDAT" comes
     // second), "AUTH" (the last answer of a login) or "handshake" (of TLS; a reply goes out in its place).
     std::string match{};
@@ -40,10 +40,10 @@ struct CServerRule
 
 struct CServerOptions
 {
-    std::vector<std::string> extensions{};     // further lines of the EHLO answer
-    std::size_t splitReplies = 0;              // bytes per segment of a reply; 0: whole replies
-    std::shared_ptr<const CTlsIdentity> tls{}; // offers STARTTLS with it; null: does not
-    bool tlsAtOnce = false;                    // before the greeting
+    std::vector<std::string> extensions{}; // further lines of the EHLO answer
+    std::size_t splitReplies = 0;          // bytes per segment of a reply; 0: whole replies
+    bool startTls = false;                 // offers it
+    bool tlsAtOnce = false;                // before the greeting
 };
 
 struct CReceivedMail

@@ -1,13 +1,8 @@
 #include "sockets.h"
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
-#include <cstdio>
-#include <fstream>
-#include <string>
 #include <system_error>
-#include <thread>
 
 #include "systemsockets.h"
 
@@ -77,26 +72,6 @@ bool Send(Socket socket, std::string_view bytes)
         bytes.remove_prefix(static_cast<std::size_t>(std::max<std::int64_t>(sent, 0)));
     }
     return true;
-}
-
-bool WaitUntilRead(Socket socket)
-{
-    const unsigned port = Port(socket);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    for (bool waiting = true; std::chrono::steady_clock::now() < end; std::this_thread::yield()) {
-        waiting = false;
-        // The peer's receive queue shows nowhere else; its row has our port as remote one.
-        std::ifstream table(kConnections);
-        for (std::string row; std::getline(table, row);) {
-            unsigned peerPort = 0;
-            unsigned queued = 0;
-            if (std::sscanf(row.c_str(), " %*u: %*x:%*x %*x:%x %*x %*x:%x", &peerPort, &queued) == 2)
-                waiting = waiting || (peerPort == port && queued != 0);
-        }
-        if (!waiting)
-            return true;
-    }
-    return false;
 }
 
 void EndSending(Socket socket)

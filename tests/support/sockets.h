@@ -19,9 +19,6 @@ constexpr Socket none = -1;
 [[nodiscard]] std::size_t Receive(Socket socket, char* buffer, std::size_t size);
 // Sends everything, each call as a segment of its own; false when the connection broke.
 [[nodiscard]] bool Send(Socket socket, std::string_view bytes);
-// Waits until a peer on this machine has read what was sent, where the system shows that; false after a
-// second.
-[[nodiscard]] bool WaitUntilRead(Socket socket);
 void EndSending(Socket socket);
 // Ends every wait on the socket, in any thread, and makes later calls fail.
 void Interrupt(Socket socket);

@@ -1,7 +1,6 @@
 // What tests of the submission path share: its servers and its hosts.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,21 +11,16 @@
 inline const std::string& Authority()
 {
     static const CTempFolder folder;
-    static const std::string file = folder.Write("authority.pem", AuthorityPem());
+    static const std::string file = folder.Write("authority.pem", CertificatePem());
     return file;
 }
 
-// With a certificate, STARTTLS or TLS at once; in clear text where the server has no TLS.
-inline CServerOptions Secured(ECertificate kind, bool atOnce = false,
-                              std::vector<std::string> extensions = {})
+// With STARTTLS or TLS at once; in clear text where the server has no TLS.
+inline CServerOptions Secured(bool atOnce = false, std::vector<std::string> extensions = {})
 {
-    CServerOptions options = {std::move(extensions)};
-    if (!ServesTls()) {
-        return options;
-    }
-    options.tls = std::make_shared<const CTlsIdentity>(kind);
-    options.tlsAtOnce = atOnce;
-    return options;
+    return {.extensions = std::move(extensions),
+            .startTls = ServesTls() && !atOnce,
+            .tlsAtOnce = ServesTls() && atOnce};
 }
 
 inline Settings Submission(const CScriptedServer& server, const Settings& more = {})

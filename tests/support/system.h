@@ -15,9 +15,7 @@ void DisturbWithSignals(bool on);
 // Whether the transport of this platform's library sends in chunks (BDAT) where the server takes them.
 [[nodiscard]] bool TransportSendsChunks();
 
-// A library loaded at run time; null when that failed.
-[[nodiscard]] void* LoadModule(const char* path);
-[[nodiscard]] void (*FindFunction(void* module, const char* name))();
+// A library that was loaded at run time.
 [[nodiscard]] bool UnloadModule(void* module);
 
 // What this process holds of the system; each count grows with what a library leaves behind.

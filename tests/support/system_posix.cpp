@@ -33,16 +33,6 @@ bool TransportSendsChunks()
     return true;
 }
 
-void* LoadModule(const char* path)
-{
-    return dlopen(path, RTLD_NOW | RTLD_LOCAL);
-}
-
-void (*FindFunction(void* module, const char* name))()
-{
-    return reinterpret_cast<void (*)()>(dlsym(module, name));
-}
-
 bool UnloadModule(void* module)
 {
     return dlclose(module) == 0;

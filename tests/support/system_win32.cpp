@@ -30,16 +30,6 @@ bool TransportSendsChunks()
     return false;
 }
 
-void* LoadModule(const char* path)
-{
-    return LoadLibraryA(path);
-}
-
-void (*FindFunction(void* module, const char* name))()
-{
-    return reinterpret_cast<void (*)()>(GetProcAddress(static_cast<HMODULE>(module), name));
-}
-
 bool UnloadModule(void* module)
 {
     return FreeLibrary(static_cast<HMODULE>(module)) != FALSE;

@@ -1,5 +1,4 @@
-// TLS for the scripted server, with certificates made for it. The authority and the keys last as long as the
-// process. A channel belongs to one thread.
+// TLS for the scripted server, with a certificate for localhost that is made for the process.
 #pragma once
 
 #include <cstddef>
@@ -11,46 +10,19 @@
 
 // Whether there is a TLS library for the server here; without one it speaks clear text.
 [[nodiscard]] bool ServesTls();
+// The certificate, which is its own authority, as PEM.
+[[nodiscard]] std::string CertificatePem();
 
-enum class ECertificate
-{
-    Right, // for localhost and 127.0.0.1
-    OtherName,
-    Expired,
-    SelfSigned,
-    CommonNameOnly
-};
-
-// What a server shows and signs with.
-class CTlsIdentity
-{
-public:
-    explicit CTlsIdentity(ECertificate kind);
-    ~CTlsIdentity();
-
-    struct Data;
-    [[nodiscard]] const Data& Get() const { return *m_data; }
-
-private:
-    std::unique_ptr<Data> m_data;
-};
-
-// The certificate, as PEM, of the authority behind all but the self-signed ones.
-[[nodiscard]] std::string AuthorityPem();
-
+// Belongs to one thread; as the functions of sockets.
 class CTlsChannel
 {
 public:
-    CTlsChannel(const CTlsIdentity& identity, sockets::Socket socket);
-    ~CTlsChannel();
-
-    // The server's side of the handshake; false when it failed.
-    [[nodiscard]] bool Accept();
-    // As those of sockets.
-    [[nodiscard]] bool Send(std::string_view bytes);
-    [[nodiscard]] std::size_t Receive(char* buffer, std::size_t size);
-
-private:
-    struct State;
-    std::unique_ptr<State> m_state;
+    CTlsChannel() = default;
+    CTlsChannel(const CTlsChannel&) = delete;
+    CTlsChannel& operator=(const CTlsChannel&) = delete;
+    virtual ~CTlsChannel() = default;
+    [[nodiscard]] virtual bool Send(std::string_view bytes) = 0;
+    [[nodiscard]] virtual std::size_t Receive(char* buffer, std::size_t size) = 0;
 };
+// The server's side of the handshake; null when it failed.
+[[nodiscard]] std::unique_ptr<CTlsChannel> AcceptTls(sockets::Socket socket);

@@ -1,82 +1,84 @@
 // What a program lacks at the wrong moment: memory, room on a disk, descriptors. A program of its own, since
 // it stands in for the allocator and for a call of the system.
-#include <cstdlib>
-#include <new>
+#include <cerrno>
+#include <thread>
 #include <utility>
 
+#include <dlfcn.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "include/velmail.h"
 #include "src-baselib/afile.h"
 #include "src-baselib/cepaths.h"
-#include "src-baselib/iomem.h"
-#include "src-baselib/property.h"
-#include "src-baselib/propertyset.h"
 #include "tests/unit/helpers.h"
 
-static thread_local bool g_noMemory = false;
+static thread_local long g_blocksLeft = -1; // to hold; -1: no limit
+static thread_local bool g_refused = false;
 static thread_local bool g_diskTakesNothing = false; // once
 
-[[gnu::noinline]] void* operator new(std::size_t size)
+static bool IsRefused()
 {
-    void* const memory = g_noMemory ? nullptr : std::malloc(size); // NOLINT: this is the allocator
-    return memory != nullptr ? memory : throw std::bad_alloc();
+    if (g_blocksLeft == 0) {
+        g_refused = true;
+        errno = ENOMEM;
+        return true;
+    }
+    g_blocksLeft -= g_blocksLeft > 0 ? 1 : 0;
+    return false;
 }
 
-[[gnu::noinline]] void operator delete(void* memory) noexcept
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-inconsistent-declaration-parameter-name)
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void __libc_free(void* memory);
+
+void* malloc(std::size_t size)
 {
-    std::free(memory); // NOLINT: this is the allocator
+    return IsRefused() ? nullptr : __libc_malloc(size);
 }
 
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
+void* calloc(std::size_t count, std::size_t size)
 {
-    std::free(memory); // NOLINT: this is the allocator
+    return IsRefused() ? nullptr : __libc_calloc(count, size);
 }
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system names its own otherwise
-extern "C" ssize_t write(int file, const void* bytes, std::size_t count)
+void free(void* memory)
+{
+    g_blocksLeft += memory != nullptr && g_blocksLeft >= 0 ? 1 : 0;
+    __libc_free(memory);
+}
+
+ssize_t write(int file, const void* bytes, std::size_t count)
 {
     return std::exchange(g_diskTakesNothing, false) ? 0 : syscall(SYS_write, file, bytes, count);
 }
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-inconsistent-declaration-parameter-name)
 
 namespace {
 
 namespace fs = std::filesystem;
 
-TEST(Shortage, OfMemoryFailsTheFlushOfAStream)
+// A library that is loaded late has no place in a thread before its first use there, and none of it may need
+// memory: each thread may hold one block more, and the last one gets through.
+TEST(Shortage, OfMemoryAtAThreadsFirstUse)
 {
-    const std::string text(70000, 'x'); // more than one chunk
-    IOMemory inner;
-    IOMemory outer;
-    outer.SetInner(&inner);
-    ASSERT_TRUE(outer.Write(text.data(), 70000));
-    g_noMemory = true;
-    const bool flushed = outer.Flush();
-    g_noMemory = false;
-    EXPECT_FALSE(flushed);
-    EXPECT_EQ(inner.GetSize(), 0);
-    ASSERT_TRUE(outer.Write(text.data(), 70000));
-    EXPECT_TRUE(outer.Flush());
-    EXPECT_EQ(inner.GetSize(), 70000);
-}
-
-TEST(Shortage, OfMemoryLeavesAPropertySetWhole)
-{
-    CPropertySet set;
-    CPropertySet other;
-    CStringProperty property("p", other);
-    for (int i = 0; i < 95; ++i) {
-        set.Add(std::to_string(i).c_str(), &property);
-    }
-    g_noMemory = true; // a node is free, and the name is short
-    EXPECT_NO_THROW(set.Add("95", &property));
-    g_noMemory = false;
-    EXPECT_EQ(set.GetBucketCount(), 127U);
-    set.Add("96", &property);
-    EXPECT_EQ(set.GetBucketCount(), 163U);
-    for (int i = 0; i < 97; ++i) {
-        EXPECT_EQ(set.Find(std::to_string(i).c_str()), &property) << i;
+    void* const library = dlopen(VELMAIL_LIBRARY, RTLD_NOW);
+    ASSERT_NE(library, nullptr);
+    const auto set = reinterpret_cast<decltype(&VelMailSetProperty)>(dlsym(library, "VelMailSetProperty"));
+    const auto connect = reinterpret_cast<decltype(&VelMailConnect)>(dlsym(library, "VelMailConnect"));
+    bool through = false;
+    for (long blocks = 0; !through; ++blocks) {
+        ASSERT_LT(blocks, 1000);
+        std::thread([&] {
+            g_blocksLeft = blocks;
+            const int done = set("MailServer", "127.0.0.1") & set("MailSubject", "Hello") & connect();
+            through = done == 1 && !g_refused;
+            g_blocksLeft = -1;
+        }).join();
     }
 }
 
@@ -88,7 +90,7 @@ TEST(Shortage, NeverMovesTheProcess)
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
     const rlimit none = {.rlim_cur = 0, .rlim_max = old.rlim_max};
     for (const bool there : {false, true}) {
-        g_noMemory = false;
+        g_blocksLeft = -1;
         CEWorkingDir guard;
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, there ? &old : &none), 0);
         const bool changed = guard.ChangeDir("/");
@@ -96,9 +98,9 @@ TEST(Shortage, NeverMovesTheProcess)
         EXPECT_EQ(changed, there);
         EXPECT_EQ(TakeError(), there ? 0 : 118);
         EXPECT_EQ(fs::current_path(), there ? "/" : before);
-        g_noMemory = true; // until the guard has gone back
+        g_blocksLeft = 0; // until the guard has gone back
     }
-    g_noMemory = false;
+    g_blocksLeft = -1;
     EXPECT_EQ(fs::current_path(), before);
 }
 

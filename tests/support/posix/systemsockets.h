@@ -13,7 +13,6 @@ using Native = int;
 constexpr int kCloseOnExec = SOCK_CLOEXEC;
 constexpr int kNoSignal = MSG_NOSIGNAL;
 constexpr int kEndOfSending = SHUT_WR;
-constexpr const char* kConnections = "/proc/net/tcp"; // the kernel's table
 
 inline void Start() {}
 inline int LastFailure()

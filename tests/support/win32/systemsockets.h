@@ -9,7 +9,6 @@ using Native = SOCKET;
 constexpr int kCloseOnExec = 0;
 constexpr int kNoSignal = 0;
 constexpr int kEndOfSending = SD_SEND;
-constexpr const char* kConnections = "Z:/proc/net/tcp"; // of the system beneath Wine
 
 inline void Start()
 {
