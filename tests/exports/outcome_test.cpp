@@ -118,7 +118,7 @@ TEST(Report, TellsTheServersWordsForEachRecipient)
                 continue; // the connect fails: there is no send
             }
             SCOPED_TRACE(row.name + (path == 0 ? ", SMTP" : ", SUBMISSION"));
-            CServerOptions options = path == 0 ? CServerOptions{} : Secured(ECertificate::Right);
+            CServerOptions options = path == 0 ? CServerOptions{} : Secured();
             options.extensions.push_back(row.extension.empty() ? "8BITMIME" : row.extension);
             CScriptedServer server({row.rule, {"DOT", 0, "250 ok\r\n"}}, options);
             std::thread([&] {
@@ -190,7 +190,7 @@ TEST(Report, HasEveryRecipientOfEveryMessage)
     const std::string lost[] = {"connection lost", "The server closed the connection."};
     for (const int path : {0, 1}) {
         CScriptedServer server({{.match = "DOT", .nth = 2, .action = Close}, {"DOT", 0, "250 ok\r\n"}},
-                               path == 0 ? CServerOptions{} : Secured(ECertificate::Right));
+                               path == 0 ? CServerOptions{} : Secured());
         const std::string trace = RunTraced([&] {
             Set(MailBy(path == 0 ? "SMTP" : "", server, people));
             EXPECT_EQ(VelMailConnect(), 1);
@@ -277,7 +277,7 @@ TEST(Progress, EndsASendAtTheNextChunkOrWait)
             CServerRule rule = row.rule;
             const bool before = rule.match.empty();
             rule.before = [&] { progress.Cancel(); };
-            CServerOptions options = path == 0 ? CServerOptions{} : Secured(ECertificate::Right);
+            CServerOptions options = path == 0 ? CServerOptions{} : Secured();
             if (row.chunks) {
                 options.extensions.emplace_back("CHUNKING");
             }
@@ -351,7 +351,7 @@ TEST(Timeout, EndsTheServersSilence)
                 continue;
             }
             SCOPED_TRACE(std::string(step) + (path == 0 ? ", SMTP" : ", SUBMISSION"));
-            CServerOptions options = path == 0 ? CServerOptions{} : Secured(ECertificate::Right);
+            CServerOptions options = path == 0 ? CServerOptions{} : Secured();
             if (chunks) {
                 options.extensions.emplace_back("CHUNKING");
             }
