@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds libesmtp-6.dll in the current folder without the rest of VEL mail, from the file of libESMTP's unedited
 # sources: sh build.sh libesmtp_VERSION.orig.tar.gz. Compiles with CC, which must be GCC of mingw-w64 with POSIX threads
-# and the C library msvcrt.dll.
+# and the C library msvcrt.dll, and the resource with WINDRES.
 set -eu
 if [ $# -ne 1 ]; then
     echo "Usage: $0 libesmtp_VERSION.orig.tar.gz" >&2
@@ -22,5 +22,6 @@ compile() {
 }
 compile -include "$layer/compat.h" -c *.c
 compile -c "$layer/esmtp_win32.c" -o win32.o
-compile -shared -static -s -Wl,--no-insert-timestamp -o libesmtp-6.dll *.o "$layer/libesmtp-6.def" -lws2_32 -lkernel32
+${WINDRES:-x86_64-w64-mingw32-windres} -O coff "$layer/libesmtp-6.rc" resource.res
+compile -shared -static -s -Wl,--no-insert-timestamp -o libesmtp-6.dll *.o resource.res "$layer/libesmtp-6.def" -lws2_32 -lkernel32
 mv libesmtp-6.dll "$target"

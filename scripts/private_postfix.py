@@ -47,15 +47,16 @@ virtual unix - n n - - virtual
 
 
 @contextlib.contextmanager
-def postfix(folder):
-    """Gives its four ports, for plain connections with and without chunking, STARTTLS and TLS, and its log."""
+def postfix(folder, settings=""):
+    """Gives its four ports, for plain connections with and without chunking, STARTTLS and TLS, and its log. `settings` are
+    further lines of main.cf."""
     owner = pwd.getpwnam("postfix")
     folder.chmod(0o755)
     (folder / "queue/pid").mkdir(parents=True)
     for name in ("active", "corrupt", "defer", "deferred", "incoming", "private", "public", "../data", "../box"):
         (folder / "queue" / name).mkdir()
         os.chown(folder / "queue" / name, owner.pw_uid, owner.pw_gid)
-    (folder / "main.cf").write_text(MAIN.format(folder, owner))
+    (folder / "main.cf").write_text(MAIN.format(folder, owner) + settings)
     (folder / "sasl").mkdir()
     (folder / "sasl/smtpd.conf").write_text(f"pwcheck_method: auxprop\nauxprop_plugin: sasldb\n"
                                             f"sasldb_path: {folder}/sasl/db\nmech_list: PLAIN LOGIN CRAM-MD5\n")

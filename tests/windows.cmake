@@ -23,5 +23,5 @@ set_tests_properties(LoadedHostWithoutTransport LoadedHostWithPartialTransport
 add_test(NAME Binaries COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/install/binaries.sh ${CMAKE_OBJDUMP}
     ${PROJECT_SOURCE_DIR}/cmake/VelMail64.def $<TARGET_FILE:VelMail64> $<TARGET_FILE:esmtp> $<TARGET_FILE:curl_library>)
 
-add_test(NAME Package COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/package/run.sh ${PROJECT_BINARY_DIR})
+add_test(NAME Package COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/package/windows.sh ${PROJECT_BINARY_DIR})
 velmail_wine_tests(Package)
