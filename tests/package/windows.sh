@@ -67,7 +67,7 @@ if "elmail" in sys.argv[1].split("/")[-1].lower():
     numbers = struct.unpack_from("<4H4H", data, data.index(b"\xbd\x04\xef\xfe") + 8)
     versions = {text("FileVersion"), text("ProductVersion"),
                 *("{1}.{0}.{3}.{2}".format(*part) for part in (numbers[:4], numbers[4:]))}
-    assert versions == {"1.3.2.0"}, versions
+    assert versions == {re.search("velmail-([0-9.]+)-win64", sys.argv[1])[1] + ".0"}, versions
 END
 done
 
